@@ -1,0 +1,44 @@
+// HTTP header fields: names compare case-insensitively, the first spelling set is
+// kept, and fields keep the order in which they were first set.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace vkq::platform {
+
+class HTTPHeaders {
+ public:
+  using Field = std::pair<std::string, std::string>;
+
+  HTTPHeaders() = default;
+  HTTPHeaders(std::initializer_list<Field> fields);
+
+  std::optional<std::string> value(std::string_view name) const;
+  bool contains(std::string_view name) const { return value(name).has_value(); }
+  // Sets or replaces a field; an existing field keeps its place and spelling.
+  void set(std::string_view name, std::string_view value);
+  void remove(std::string_view name);
+
+  bool empty() const { return fields_.empty(); }
+  std::size_t size() const { return fields_.size(); }
+  std::vector<Field>::const_iterator begin() const { return fields_.begin(); }
+  std::vector<Field>::const_iterator end() const { return fields_.end(); }
+
+  // The fields as a property-list style dictionary, sorted by name:
+  // {\n    "Name" = "value";\n}
+  std::string description() const;
+
+  friend bool operator==(const HTTPHeaders&, const HTTPHeaders&) = default;
+
+ private:
+  std::vector<Field> fields_;
+};
+
+// True when `text` may appear in a header name or value: no CR, LF or NUL.
+bool isSafeHeaderText(std::string_view text);
+
+}  // namespace vkq::platform

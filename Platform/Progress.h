@@ -1,0 +1,18 @@
+// Progress of a transfer, as handed to progress callbacks.
+#pragma once
+
+#include <cstdint>
+
+namespace vkq::platform {
+
+struct Progress {
+  std::int64_t completedUnitCount = 0;
+  // -1 while the total is unknown.
+  std::int64_t totalUnitCount = -1;
+
+  double fractionCompleted() const {
+    return totalUnitCount > 0 ? static_cast<double>(completedUnitCount) / static_cast<double>(totalUnitCount) : 0.0;
+  }
+};
+
+}  // namespace vkq::platform

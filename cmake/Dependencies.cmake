@@ -1,0 +1,18 @@
+# Every dependency comes from Debian's packages (see scripts/install-deps.sh).
+find_package(Threads REQUIRED)
+find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(ZLIB REQUIRED)
+find_package(nlohmann_json 3 REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)
+pkg_check_modules(LIBPLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+# cpp-httplib's class layout depends on its feature macros: always compile it with its own flags.
+pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+
+if(VKQ_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(VKQ_BUILD_BENCHMARKS)
+  find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds with warnings as errors and runs every test, then
+# builds and runs the whole suite again under AddressSanitizer + UndefinedBehaviorSanitizer.
+#
+#   scripts/test.sh          both runs (what CI does)
+#   scripts/test.sh --quick  the plain run only
+#   scripts/test.sh --tsan   the suite under ThreadSanitizer only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+jobs=$(nproc)
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+
+run_suite() {
+  local preset=$1 dir=$2
+  echo "== ${preset}: configure and build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  echo "== ${preset}: tests"
+  ctest --test-dir "$dir" -j"$jobs" --output-on-failure
+}
+
+case "${1:-}" in
+  --tsan)  run_suite tsan build-tsan ;;
+  --quick) run_suite ci build ;;
+  "")      run_suite ci build; run_suite asan build-asan ;;
+  *)       echo "usage: scripts/test.sh [--quick|--tsan]" >&2; exit 64 ;;
+esac
