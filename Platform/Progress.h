@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 namespace vkq::platform {
 
@@ -14,5 +15,8 @@ struct Progress {
     return totalUnitCount > 0 ? static_cast<double>(completedUnitCount) / static_cast<double>(totalUnitCount) : 0.0;
   }
 };
+
+// Called with a transfer's progress, on the transport's threads.
+using ProgressBlock = std::function<void(const Progress& progress)>;
 
 }  // namespace vkq::platform
