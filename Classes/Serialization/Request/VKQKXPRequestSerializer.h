@@ -1,0 +1,32 @@
+// Writes a KXP request frame: the request's payload bytes, compressed and XOR-masked
+// as its settings say, behind a big-endian header (see VKQKXPFrameLayout.h).
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "Classes/Serialization/Request/VKQHTTPRequestSerializer.h"
+#include "Platform/Bytes.h"
+
+// Domain of framing errors (code -1016, failure reason "kxp request serializer error").
+inline constexpr const char* VKQKXPRequestSerializerErrorDomain = "com.error.serialization.request";
+
+class VKQKXPRequestSerializer : public VKQHTTPRequestSerializer {
+ public:
+  static std::shared_ptr<VKQKXPRequestSerializer> serializerWithRequest(std::shared_ptr<VKQVeskRequest> request);
+
+  // The frame for `parameters` (bytes) under the bound request's settings; absent
+  // when there is no payload or a transform gives nothing. With a key set and
+  // compression off the caller's bytes are masked in place.
+  std::optional<vkq::platform::Bytes> createDataWithParameters(const vkq::platform::Object& parameters) const;
+
+  // Applies the default header fields the request lacks and sets the frame as the body
+  // ("Content-Type" "application/octet-stream" unless the request names one). Without
+  // a frame, reports the framing error and still returns the header-filled copy.
+  std::optional<vkq::platform::URLRequest> requestBySerializingRequest(const vkq::platform::URLRequest& request,
+                                                                      const vkq::platform::Object& parameters,
+                                                                      vkq::platform::ErrorPtr* error) const override;
+
+ protected:
+  VKQKXPRequestSerializer() = default;
+};

@@ -1,0 +1,17 @@
+// Decodes the answer of a JSON request: code 0 with the parsed JSON (absent for an
+// empty body), or -2 when the exchange failed or the answer was rejected (status,
+// content type, malformed JSON). Each failure writes one debug log entry.
+#pragma once
+
+#include <memory>
+
+#include "Classes/Serialization/VKQResponseDeserializer.h"
+#include "Platform/HTTPResponseSerializer.h"
+
+class VKQJSONResponseSerializer : public vkq::platform::JSONResponseSerializer, public VKQResponseDeserializer {
+ public:
+  static std::shared_ptr<VKQJSONResponseSerializer> serializer();
+
+  std::shared_ptr<VKQVeskResult> deserialize(const std::shared_ptr<VKQVeskRequest>& request,
+                                             const vkq::platform::ErrorPtr* error) const override;
+};

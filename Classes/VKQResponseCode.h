@@ -1,0 +1,31 @@
+// A result code and its fixed message.
+//
+//    0  "Success"
+//   -1  "network error"   the network was not reachable when the request started
+//   -2  "http error"      the task could not be made, or the exchange failed
+//   -3  "protocol error"  a KXP answer's protocol version differs from the request's
+//   -4  "server error"    a KXP answer's payload is missing, corrupt or unpacks to nothing
+// Any other code has no message.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+class VKQResponseCode {
+ public:
+  static std::shared_ptr<VKQResponseCode> responseCode(std::int64_t code);
+
+  explicit VKQResponseCode(std::int64_t code = 0) : code_(code) {}
+
+  std::int64_t code() const { return code_; }
+  void setCode(std::int64_t code) { code_ = code; }
+  // The code's message; absent for an unknown code.
+  std::optional<std::string> msg() const;
+  // "code = <code>, msg = <msg>"
+  std::string description() const;
+
+ private:
+  std::int64_t code_;
+};

@@ -1,0 +1,153 @@
+// VKQVeskRequest: one HTTP exchange as the application describes it, and the place
+// where its outcome is recorded.
+//
+// The request properties (URL, method, argument, serializer kinds, headers, time-out,
+// KXP settings) are virtual accessors with fixed defaults; subclasses — normally the
+// builder VKQVesk — override them. Every serializer and the agent read a request only
+// through them.
+//
+// Start a request with exactly one of requestWithSuccess(), requestCompletion() or
+// downloadtWithSuccess(). The shared agent then keeps it alive until its outcome has
+// been delivered, so the application need not hold it. Callbacks always run on the
+// main queue (vkq::platform::MainQueue), never inside the starting call: completion
+// first, then success (code 0) or failure (any other code).
+//
+// Threads: configure a request fully before starting it and don't change it while it
+// runs; the starting operations may be called from any thread. Requests are owned by
+// std::shared_ptr (make them with std::make_shared or the builder's initializers).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/Error.h"
+#include "Platform/HTTPHeaders.h"
+#include "Platform/HTTPResponse.h"
+#include "Platform/Object.h"
+#include "Platform/Progress.h"
+#include "Platform/URLRequest.h"
+
+namespace vkq::platform {
+class URLSessionTask;
+}
+class VKQVeskResult;
+
+// HTTP method of a JSON request. A KXP request is always sent as "POST".
+enum VKQRequestMethod : std::int64_t {
+  VKQRequestMethodGET = 0,
+  VKQRequestMethodPOST = 1,
+  VKQRequestMethodHEAD = 2,
+  VKQRequestMethodPUT = 3,
+  VKQRequestMethodDELETE = 4,
+  VKQRequestMethodPATCH = 5,
+};
+
+// How the body is written. Any other value selects no serializer.
+enum VKQRequestSerializerType : std::uint64_t {
+  VKQRequestSerializerTypeJSON = 0,
+  VKQRequestSerializerTypeKXP = 1,
+};
+
+// How the answer is decoded. Any other value selects no decoder.
+enum VKQResponseSerializerType : std::uint64_t {
+  VKQResponseSerializerTypeJSON = 0,
+  VKQResponseSerializerTypeKXP = 1,
+};
+
+// Header field name -> value.
+using VKQHeaderDictionary = std::map<std::string, std::string>;
+
+class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
+ public:
+  using ResultBlock = std::function<void(std::shared_ptr<VKQVeskResult> result)>;
+  using ProgressBlock = vkq::platform::ProgressBlock;
+
+  VKQVeskRequest() = default;
+  virtual ~VKQVeskRequest() = default;
+  VKQVeskRequest(const VKQVeskRequest&) = delete;
+  VKQVeskRequest& operator=(const VKQVeskRequest&) = delete;
+
+  // ---- Request properties, with the defaults of the base class ----
+  virtual std::string url() const { return ""; }
+  virtual std::string host() const { return ""; }
+  virtual std::string path() const { return ""; }
+  virtual double requestTimeoutInterval() const { return 60.0; }
+  virtual vkq::platform::Object requestArgument() const { return {}; }
+  virtual VKQRequestMethod requestMethod() const { return VKQRequestMethodPOST; }
+  virtual VKQRequestSerializerType requestSerializerType() const { return VKQRequestSerializerTypeKXP; }
+  virtual VKQResponseSerializerType responseSerializerType() const { return VKQResponseSerializerTypeKXP; }
+  // Each pair becomes a header field of the request.
+  virtual std::optional<VKQHeaderDictionary> requestHeaderFieldValueDictionary() const { return std::nullopt; }
+  // First element the user name, last the password, for a Basic authorization header.
+  virtual std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const { return std::nullopt; }
+  virtual bool allowsCellularAccess() const { return true; }
+  // KXP settings; 0 switches the begin marker, version and mask off.
+  virtual std::uint8_t version() const { return 0; }
+  virtual std::uint8_t xorKey() const { return 0; }
+  virtual bool compress() const { return true; }
+  virtual std::uint16_t insertAtBeginBody() const { return 0x2018; }
+  virtual bool uploadOSType() const { return true; }
+  virtual std::optional<std::string> packageName() const { return std::nullopt; }
+  virtual std::int32_t releaseVersion() const { return -1; }
+  // Shown by the debug log only: KXP frames are always big-endian.
+  virtual bool bigEndian() const { return true; }
+  // True: body and answer pass without KXP framing.
+  virtual bool nonProtocol() const { return false; }
+
+  // ---- Starting ----
+  // Stores the success, then the failure callback, and hands the request to the agent.
+  void requestWithSuccess(ResultBlock success, ResultBlock failure);
+  // Stores the completion callback and hands the request to the agent.
+  void requestCompletion(ResultBlock completion);
+  // Stores success, failure and progress callbacks and hands the request to the agent.
+  // The request must carry a resumableDownloadPath to run as a download.
+  void downloadtWithSuccess(ResultBlock success, ProgressBlock progress, ResultBlock failure);
+  // Drops the success, failure and completion callbacks; keeps the progress callback.
+  void clearCompletionBlock();
+
+  // ---- Stored state ----
+  const std::shared_ptr<vkq::platform::URLSessionTask>& requestTask() const { return requestTask_; }
+  void setRequestTask(std::shared_ptr<vkq::platform::URLSessionTask> task) { requestTask_ = std::move(task); }
+  // The raw answer: bytes of a data exchange, the file URL of a download.
+  const vkq::platform::Object& responseData() const { return responseData_; }
+  void setResponseData(vkq::platform::Object data) { responseData_ = std::move(data); }
+  // The stored error if any, otherwise the task's error.
+  vkq::platform::ErrorPtr error() const;
+  void setError(vkq::platform::ErrorPtr error) { error_ = std::move(error); }
+  const std::optional<std::string>& resumableDownloadPath() const { return resumableDownloadPath_; }
+  void setResumableDownloadPath(std::optional<std::string> path) { resumableDownloadPath_ = std::move(path); }
+  const ProgressBlock& resumableDownloadProgressBlock() const { return progressBlock_; }
+  void setResumableDownloadProgressBlock(ProgressBlock block) { progressBlock_ = std::move(block); }
+  const ResultBlock& successResultBlock() const { return successBlock_; }
+  void setSuccessResultBlock(ResultBlock block) { successBlock_ = std::move(block); }
+  const ResultBlock& failureResultBlock() const { return failureBlock_; }
+  void setFailureResultBlock(ResultBlock block) { failureBlock_ = std::move(block); }
+  const ResultBlock& completionResultBlock() const { return completionBlock_; }
+  void setCompletionResultBlock(ResultBlock block) { completionBlock_ = std::move(block); }
+
+  // ---- Derived from the task; absent before a task exists ----
+  std::shared_ptr<const vkq::platform::HTTPResponse> response() const;
+  std::optional<vkq::platform::URLRequest> currentRequest() const;
+  std::optional<vkq::platform::URLRequest> originalRequest() const;
+  std::optional<vkq::platform::HTTPHeaders> responseHeaders() const;
+
+  // "FAILURE: <stored error>" when error() is present, otherwise "SUCCESS: <responseData>".
+  // The test uses error() (falling back to the task's error) while the text shows the
+  // stored error only.
+  virtual std::string description() const;
+
+ private:
+  std::shared_ptr<vkq::platform::URLSessionTask> requestTask_;
+  vkq::platform::Object responseData_;
+  vkq::platform::ErrorPtr error_;
+  std::optional<std::string> resumableDownloadPath_;
+  ProgressBlock progressBlock_;
+  ResultBlock successBlock_;
+  ResultBlock failureBlock_;
+  ResultBlock completionBlock_;
+};

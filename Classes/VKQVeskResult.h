@@ -1,0 +1,46 @@
+// The one outcome a request delivers: a response code, the decoded payload and the
+// request that produced it. A result holds its request; a request never holds its
+// results, so no cycle forms.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "Classes/VKQResponseCode.h"
+#include "Platform/Object.h"
+
+class VKQVeskRequest;
+
+// Domain of errors made from response codes.
+inline constexpr const char* VKQRequestErrorDomain = "com.vkqlabs.request";
+
+class VKQVeskResult {
+ public:
+  // A failure result: the code, no data, no request.
+  static std::shared_ptr<VKQVeskResult> resultWithErrorCode(std::int64_t code);
+  // A failure result carrying its request; no data.
+  static std::shared_ptr<VKQVeskResult> resultWithErrorCode(std::int64_t code, std::shared_ptr<VKQVeskRequest> request);
+  // A success (code 0) with its payload, which may be absent.
+  static std::shared_ptr<VKQVeskResult> resultWithSuccessData(vkq::platform::Object data,
+                                                               std::shared_ptr<VKQVeskRequest> request);
+  // The designated initializer.
+  static std::shared_ptr<VKQVeskResult> initWith(std::shared_ptr<VKQResponseCode> responseCode,
+                                                 vkq::platform::Object data, std::shared_ptr<VKQVeskRequest> request);
+
+  const std::shared_ptr<VKQResponseCode>& responseCode() const { return responseCode_; }
+  void setResponseCode(std::shared_ptr<VKQResponseCode> code) { responseCode_ = std::move(code); }
+  const vkq::platform::Object& data() const { return data_; }
+  void setData(vkq::platform::Object data) { data_ = std::move(data); }
+  const std::shared_ptr<VKQVeskRequest>& request() const { return request_; }
+  void setRequest(std::shared_ptr<VKQVeskRequest> request) { request_ = std::move(request); }
+
+  // "errorCode = (<code>), errorMsg = (<msg>)", also for a success.
+  std::string description() const;
+  std::string debugDescription() const { return description(); }
+
+ private:
+  std::shared_ptr<VKQResponseCode> responseCode_;
+  vkq::platform::Object data_;
+  std::shared_ptr<VKQVeskRequest> request_;
+};
