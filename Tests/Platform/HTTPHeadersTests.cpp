@@ -1,0 +1,67 @@
+#include "Platform/HTTPHeaders.h"
+
+#include <gtest/gtest.h>
+
+#include "Platform/HTTPResponse.h"
+
+namespace vkq::platform {
+namespace {
+
+TEST(HTTPHeaders, NamesAreCaseInsensitiveAndKeepTheirFirstSpellingAndPlace) {
+  HTTPHeaders headers{{"Content-Type", "text/plain"}, {"X-A", "1"}};
+  headers.set("content-type", "application/json");
+  headers.set("x-b", "2");
+  EXPECT_EQ(headers.value("CONTENT-TYPE"), "application/json");
+  ASSERT_EQ(headers.size(), 3u);
+  const std::vector<HTTPHeaders::Field> expected{{"Content-Type", "application/json"}, {"X-A", "1"}, {"x-b", "2"}};
+  EXPECT_EQ(std::vector<HTTPHeaders::Field>(headers.begin(), headers.end()), expected);
+  headers.remove("X-a");
+  EXPECT_FALSE(headers.contains("x-a"));
+  EXPECT_EQ(headers.size(), 2u);
+}
+
+TEST(HTTPHeaders, DescriptionIsASortedDictionaryQuotingOnlyWhatNeedsIt) {
+  const HTTPHeaders headers{{"User-Agent", "app/1.0 (Linux 6.1)"}, {"Accept", "text/html"}, {"X", "a\"b"},
+                            {"Accept-Language", "en;q=1"}, {"Empty", ""}};
+  EXPECT_EQ(headers.description(),
+            "{\n"
+            "    Accept = text/html;\n"
+            "    \"Accept-Language\" = \"en;q=1\";\n"
+            "    Empty = \"\";\n"
+            "    \"User-Agent\" = \"app/1.0 (Linux 6.1)\";\n"
+            "    X = \"a\\\"b\";\n"
+            "}");
+  EXPECT_EQ(HTTPHeaders().description(), "{\n}");
+}
+
+TEST(HTTPHeaders, SafeTextHasNoLineBreaksOrNul) {
+  EXPECT_TRUE(isSafeHeaderText("text/plain; charset=utf-8"));
+  EXPECT_TRUE(isSafeHeaderText(""));
+  EXPECT_FALSE(isSafeHeaderText("a\r\nX-Injected: 1"));
+  EXPECT_FALSE(isSafeHeaderText("a\nb"));
+  EXPECT_FALSE(isSafeHeaderText("a\rb"));
+  EXPECT_FALSE(isSafeHeaderText(std::string_view("a\0b", 3)));
+}
+
+TEST(HTTPResponse, MIMETypeAndContentLength) {
+  HTTPResponse response;
+  EXPECT_EQ(response.MIMEType(), std::nullopt);
+  EXPECT_EQ(response.expectedContentLength(), -1);
+  response.allHeaderFields = {{"content-type", " Application/JSON ; charset=UTF-8"}, {"Content-Length", "42"}};
+  EXPECT_EQ(response.MIMEType(), "application/json");
+  EXPECT_EQ(response.expectedContentLength(), 42);
+  for (const char* bad : {"", "-1", "12abc", "abc", "99999999999999999999"}) {
+    response.allHeaderFields.set("Content-Length", bad);
+    EXPECT_EQ(response.expectedContentLength(), -1) << bad;
+  }
+  response.allHeaderFields.set("Content-Type", ";charset=utf-8");
+  EXPECT_EQ(response.MIMEType(), std::nullopt);
+}
+
+TEST(HTTPResponse, DescriptionNamesURLStatusAndHeaders) {
+  HTTPResponse response{URL::URLWithString("http://h/x"), 404, {{"Server", "t"}}};
+  EXPECT_EQ(response.description(), "<HTTPResponse> { URL: http://h/x } { Status Code: 404, Headers {\n    Server = t;\n} }");
+}
+
+}  // namespace
+}  // namespace vkq::platform
