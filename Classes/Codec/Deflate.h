@@ -1,0 +1,35 @@
+// Deflate: compression of the binary protocol's payloads, in the zlib format of RFC 1950
+// (a two-byte header, a deflate stream, the Adler-32 of the data): the format the server
+// on the other side reads and writes, and what zlib's compress()/uncompress() produce.
+//
+// Both operations report failure only by an absent result. They are safe from any
+// thread: each thread keeps its own compressor and decompressor objects.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "Platform/Bytes.h"
+
+namespace Deflate {
+
+// zlib's default level: the best trade of speed and size, and what peers using zlib with
+// default settings produce.
+inline constexpr int kCompressionLevel = 6;
+
+// decompress refuses to produce more than this many bytes (64 MiB), so that a small
+// hostile stream cannot exhaust memory.
+inline constexpr std::size_t kMaxDecompressedSize = std::size_t{64} << 20;
+
+// The zlib stream of `bytes` at kCompressionLevel. Absent for empty input (the framing
+// sends no frame for an empty payload) and when memory for the compressor runs out.
+std::optional<vkq::platform::Bytes> compress(std::span<const std::uint8_t> bytes);
+
+// The data of one complete zlib stream. Absent when `bytes` is not exactly one valid
+// stream (empty, truncated, corrupt, failed Adler-32, bytes after its end), or when the
+// data would exceed kMaxDecompressedSize.
+std::optional<vkq::platform::Bytes> decompress(std::span<const std::uint8_t> bytes);
+
+}  // namespace Deflate

@@ -1,0 +1,36 @@
+#include "Classes/Codec/Encrypt.h"
+
+#include <cstring>
+
+#include <libdeflate.h>
+
+using vkq::platform::Bytes;
+
+namespace Encrypt {
+
+Bytes xorWithKey(std::span<std::uint8_t> receiver, std::uint64_t key) {
+  const auto keyByte = static_cast<std::uint8_t>(key);
+  // Eight copies of the key in one word: the bulk goes a block of words at a time (the
+  // compiler turns the block into vector operations), the tail byte by byte.
+  const std::uint64_t keyWord = 0x0101010101010101ULL * keyByte;
+  constexpr std::size_t kBlockWords = 4;
+  constexpr std::size_t kBlockSize = kBlockWords * sizeof(std::uint64_t);
+  std::uint8_t* bytes = receiver.data();
+  const std::size_t size = receiver.size();
+  std::size_t at = 0;
+  for (; size - at >= kBlockSize; at += kBlockSize) {
+    std::uint64_t block[kBlockWords];
+    std::memcpy(block, bytes + at, kBlockSize);
+    for (auto& word : block) word ^= keyWord;
+    std::memcpy(bytes + at, block, kBlockSize);
+  }
+  for (; at < size; ++at) bytes[at] ^= keyByte;
+  return Bytes(receiver.begin(), receiver.end());
+}
+
+std::uint64_t crc32(std::span<const std::uint8_t> bytes) {
+  // libdeflate picks a carry-less multiplication or table-slicing kernel for this CPU.
+  return libdeflate_crc32(0, bytes.data(), bytes.size());
+}
+
+}  // namespace Encrypt
