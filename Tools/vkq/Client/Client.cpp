@@ -1,0 +1,167 @@
+#include "Tools/vkq/Client/Client.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <optional>
+
+#include "Classes/VKQVeskResult.h"
+#include "Tools/vkq/Client/Exchange.h"
+#include "Tools/vkq/Client/ProgressBar.h"
+#include "Tools/vkq/Client/ToolVesk.h"
+#include "Tools/vkq/ExitStatus.h"
+
+namespace vkq::tool {
+namespace {
+
+using vkq::platform::Bytes;
+
+std::optional<Bytes> readFile(const std::string& path) {
+  if (path == "-") return Bytes(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return std::nullopt;
+  Bytes bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (file.bad()) return std::nullopt;
+  return bytes;
+}
+
+bool writeOutput(const std::optional<std::string>& path, const Bytes& bytes) {
+  if (!path) {
+    std::cout.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    std::cout.flush();
+    return static_cast<bool>(std::cout);
+  }
+  std::ofstream file(*path, std::ios::binary | std::ios::trunc);
+  file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  return static_cast<bool>(file);
+}
+
+// Later fields of the same name win, as they would on a command line.
+void addHeaders(VKQHeaderDictionary& dictionary, const HeaderFields& fields) {
+  for (const auto& [name, value] : fields) dictionary[name] = value;
+}
+
+void applyFrameSettings(VKQVesk& vesk, const VKQKXPFrameSettings& frame) {
+  vesk.insertAtBeginBodyPromise()(frame.insertAtBeginBody)
+      ->protocolVCPromise()(frame.version)
+      ->uploadOSTypePromise()(frame.uploadOSType)
+      ->packageNamePromise()(frame.packageName)
+      ->releaseVersionPromise()(static_cast<std::uint32_t>(frame.releaseVersion))
+      ->compressPromise()(frame.compress)
+      ->xorkeyPromise()(frame.xorKey);
+  if (frame.nonProtocol) vesk.nonProtocolPromise()();
+}
+
+// Prints why a request failed; the exit status for its outcome.
+int conclude(const ExchangeOutcome& result, const VKQVeskRequest& request) {
+  if (!result) {
+    std::cerr << "vkq: interrupted\n";
+    return kExitInterrupted;
+  }
+  const std::int64_t code = result->responseCode()->code();
+  if (code != 0) {
+    std::cerr << "vkq: " << result->responseCode()->msg().value_or("unknown error") << " (code " << code << ")\n";
+    if (auto error = request.error()) std::cerr << "vkq: " << error->localizedDescription() << "\n";
+  }
+  return exitStatusForResultCode(code);
+}
+
+}  // namespace
+
+int Client::run(const KXPCommand& command) const {
+  std::optional<Bytes> payload =
+      command.dataText ? vkq::platform::bytesFromString(*command.dataText) : readFile(*command.dataFile);
+  if (!payload) {
+    std::cerr << "vkq: cannot read " << *command.dataFile << "\n";
+    return kExitNoInput;
+  }
+
+  auto vesk = std::make_shared<ToolVesk>();
+  vesk->defultValue();
+  vesk->setUrl(command.url);
+  vesk->setRequestData(std::make_shared<Bytes>(std::move(*payload)));
+  applyFrameSettings(*vesk, command.frame);
+  VKQHeaderDictionary headers{{"Content-Type", "application/octet-stream"}};
+  addHeaders(headers, command.headers);
+  vesk->setHeaders(std::move(headers));
+  vesk->setTimeoutInterval(command.timeout);
+
+  const auto result = runExchange(
+      vesk, [&](VKQVeskRequest::ResultBlock done) { vesk->requestCompletion(std::move(done)); }, interrupted_);
+  const int status = conclude(result, *vesk);
+  if (status != kExitSuccess) return status;
+  if (!result->data().isData()) return kExitSuccess;
+  if (!writeOutput(command.output, *result->data().data())) {
+    std::cerr << "vkq: cannot write " << command.output.value_or("standard output") << "\n";
+    return kExitCannotCreate;
+  }
+  return kExitSuccess;
+}
+
+int Client::run(const JSONCommand& command) const {
+  auto vesk = std::make_shared<ToolVesk>();
+  vesk->defultValue();
+  vesk->requestSerializerTypePromise()(VKQRequestSerializerTypeJSON)
+      ->responseSerializerTypePromise()(VKQResponseSerializerTypeJSON)
+      ->requestMethedPromise()(command.method);
+  vesk->setUrl(command.url);
+  vesk->setArgument(command.argument);
+  if (!command.headers.empty()) {
+    VKQHeaderDictionary headers;
+    addHeaders(headers, command.headers);
+    vesk->setHeaders(std::move(headers));
+  }
+  vesk->setCredentials(command.credentials);
+  vesk->setTimeoutInterval(command.timeout);
+
+  const auto result = runExchange(
+      vesk, [&](VKQVeskRequest::ResultBlock done) { vesk->requestCompletion(std::move(done)); }, interrupted_);
+  const int status = conclude(result, *vesk);
+  if (status == kExitSuccess && result->data().isJSON()) {
+    std::cout << result->data().json().dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+  }
+  return status;
+}
+
+int Client::run(const DownloadCommand& command) const {
+  // The resume data of a download is kept under its path: make the path independent
+  // of the working folder, so that any later run for the same file resumes it.
+  std::error_code error;
+  const std::filesystem::path path = std::filesystem::absolute(command.path, error);
+  if (error) {
+    std::cerr << "vkq: bad path " << command.path << ": " << error.message() << "\n";
+    return kExitUsage;
+  }
+
+  auto vesk = std::make_shared<ToolVesk>();
+  vesk->setResumableDownloadPath(path.string());
+  vesk->requestSerializerTypePromise()(VKQRequestSerializerTypeJSON)
+      ->responseSerializerTypePromise()(VKQResponseSerializerTypeKXP)
+      ->nonProtocolPromise()();
+  vesk->GET();
+  vesk->setUrl(command.url);
+  vesk->setTimeoutInterval(command.timeout);
+
+  // Shared with the transport's threads, which may report progress until they stop.
+  auto bar = std::make_shared<ProgressBar>(stderr);
+  const auto result = runExchange(
+      vesk,
+      [&](VKQVeskRequest::ResultBlock done) {
+        vesk->downloadtWithSuccess(
+            done, [bar](const vkq::platform::Progress& progress) { bar->update(progress); }, done);
+      },
+      interrupted_);
+  bar->finish();
+  const int status = conclude(result, *vesk);
+  if (status == kExitSuccess) {
+    const std::string saved = result->data().isURL() ? result->data().url().filePath() : path.string();
+    std::cerr << "vkq: saved " << saved << "\n";
+  }
+  return status;
+}
+
+}  // namespace vkq::tool

@@ -1,0 +1,69 @@
+// ReferenceServer: the server side of everything the library speaks, on 127.0.0.1.
+//
+//   POST /kxp/echo      parses the request frame strictly under the server's frame
+//                       settings and answers a response frame with the same payload
+//                       (application/octet-stream); a frame that does not match the
+//                       settings gets 400 with the reason as text.
+//   * /json/echo        answers the JSON body (POST, PUT, PATCH, ...) or, without a
+//                       body, the query parameters as a JSON object (application/json).
+//   GET /files/PATH     the file PATH under the root folder, with Accept-Ranges,
+//                       ETag and Last-Modified; one Range is honoured unless If-Range
+//                       names an older version. Paths leaving the folder get 403.
+//
+// Every answer is logged as one line on the log stream, with the Range asked for.
+//
+// Threads: bind() and run() on one thread; run() serves on a pool of its own until
+// stop(), which may be called from any thread (a signal watcher's, say).
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "Classes/Serialization/VKQKXPServerCodec.h"
+#include "Tools/vkq/Server/Pacer.h"
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+}  // namespace httplib
+
+namespace vkq::tool {
+
+class ReferenceServer {
+ public:
+  struct Options {
+    VKQKXPFrameSettings frame;
+    std::optional<std::filesystem::path> root;  // absent: /files/ answers 404
+    std::optional<std::uint64_t> rateLimit;     // bytes per second per file answer
+    std::FILE* log = stderr;                    // null: no log
+  };
+
+  explicit ReferenceServer(Options options);
+  ~ReferenceServer();
+  ReferenceServer(const ReferenceServer&) = delete;
+  ReferenceServer& operator=(const ReferenceServer&) = delete;
+
+  // Binds 127.0.0.1:`port` (0: a free port). The port bound, or absent on failure.
+  std::optional<int> bind(std::uint16_t port);
+  // Serves until stop(). REQUIRES: bind() succeeded.
+  void run();
+  // Makes run() return and cuts file answers short. Idempotent; any thread.
+  void stop();
+
+ private:
+  void echoKXP(const httplib::Request& request, httplib::Response& response) const;
+  void echoJSON(const httplib::Request& request, httplib::Response& response) const;
+  void sendFile(const httplib::Request& request, httplib::Response& response) const;
+  void logExchange(const httplib::Request& request, const httplib::Response& response) const;
+
+  Options options_;
+  std::unique_ptr<httplib::Server> server_;
+  // Shared with the content providers of answers still being sent.
+  std::shared_ptr<StopSignal> stop_ = std::make_shared<StopSignal>();
+};
+
+}  // namespace vkq::tool
