@@ -6,22 +6,178 @@
 // main queue. Requests that fail before anything is sent (no task could be made: -2;
 // network not reachable: -1) are delivered the same way.
 //
-// Threads: addRequest() and cancelRequest() may be called from any thread. Answers are
-// decoded on the transport's completion queue; every callback runs on the main queue.
+// Threads: addRequest() and cancelRequest() may be called from any thread; a task is
+// made on the calling thread. Answers are decoded on the transport's completion queue
+// (neither the main queue nor the transport's worker thread). Every callback runs on
+// the main queue through a job of its own, never inside addRequest(): completion
+// first, then success (code 0) or failure (any other code). The registry's lock is
+// held for single insert, remove and look-up operations only.
+//
+// Ownership: the agent lives until the process ends and owns the session manager, the
+// two response serializers (made on first use) and the registry, which holds each
+// running request from just before its task is resumed until its callbacks have run.
+//
+// Downloads: a JSON GET request with a resumableDownloadPath is run as a file
+// download. Resume data of an interrupted download (failed or cancelled) is kept in the
+// folder "Incomplete" under the temporary directory, in a file named by the MD5 of the
+// download path, and the next download of the same path continues from it.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
 
+#include "Classes/VKQNetworkAgentRecord.h"
+#include "Platform/Bytes.h"
+#include "Platform/Error.h"
+#include "Platform/HTTPRequestSerializer.h"
+#include "Platform/Object.h"
+#include "Platform/Progress.h"
+#include "Platform/URL.h"
+
+namespace vkq::platform {
+class HTTPSessionManager;
+class URLSessionTask;
+class URLSessionDataTask;
+class URLSessionDownloadTask;
+}  // namespace vkq::platform
 class VKQVeskRequest;
+class VKQVeskResult;
+class VKQHTTPRequestSerializer;
+class VKQJSONResponseSerializer;
+class VKQKXPResponseSerializer;
 
 class VKQNetworkAgent {
  public:
-  // The agent, made on first use (thread-safe) and alive until the process ends.
+  // The agent, made on first use (thread-safe) and never destroyed.
   static VKQNetworkAgent& sharedAgent();
 
-  // Starts the request. REQUIRES: request is not null (fatal assertion otherwise).
+  VKQNetworkAgent(const VKQNetworkAgent&) = delete;
+  VKQNetworkAgent& operator=(const VKQNetworkAgent&) = delete;
+
+  // Starts the request: makes its task, then either registers and resumes it, or
+  // delivers -2 (the task could not be made; the request's error says why) or -1 (the
+  // network is not reachable; an unknown status counts as reachable).
+  // REQUIRES: request is not null (fatal assertion otherwise). A request whose method
+  // or serializer type selects no task stops on the assertion
+  // "requestTask should not be nil".
   void addRequest(const std::shared_ptr<VKQVeskRequest>& request);
-  // Cancels the request's task and forgets the request: no callback runs for it.
+  // Cancels the request's task and forgets the request: no callback ever runs for it
+  // and its callbacks stay attached. A download is cancelled by producing resume data,
+  // which is stored for the next download of the same path.
   // REQUIRES: request is not null.
   void cancelRequest(const std::shared_ptr<VKQVeskRequest>& request);
+
+  // ---- Registry (each call takes the lock once) ----
+  // Insert / remove the request under its current task's identifier; a request
+  // without a task has no entry.
+  void addRequestToRecord(const std::shared_ptr<VKQVeskRequest>& request);
+  void removeRequestFromRecord(const std::shared_ptr<VKQVeskRequest>& request);
+  // The number of running requests; for tests and diagnostics.
+  std::size_t recordCount() const { return record_.count(); }
+
+  // ---- Completion paths ----
+  // A failure before the task ran: stores `error` (may be null) in the request and
+  // queues a main-queue job that calls completion, then failure, with a result of
+  // `code`. The request is not in the registry and its callbacks stay attached.
+  void requestDidFailWithRequest(const std::shared_ptr<VKQVeskRequest>& request, vkq::platform::ErrorPtr error,
+                                 std::int64_t code);
+  // The completion of every task, on the transport's completion queue. Finds the
+  // request (none: "request has cancel" is logged and nothing else happens), stores the
+  // raw answer and the transport error in it, decodes the answer with the serializer
+  // of its responseSerializerType (any other type gives no result) and queues the
+  // main-queue job: completion, then success or failure, then the request leaves the
+  // registry and its callbacks are cleared. Never throws.
+  void handleRequestResult(const std::shared_ptr<vkq::platform::URLSessionTask>& task,
+                           vkq::platform::Object responseObject, vkq::platform::ErrorPtr error);
+
+  // ---- URL and serializers ----
+  // The URL to request: `url` when it is absolute (scheme and host), else `path` when
+  // it is absolute, both verbatim; otherwise `path` resolved against `host` (which
+  // gains a trailing "/" first). Absent when that does not parse.
+  std::optional<std::string> buildRequestUrl(const VKQVeskRequest& request) const;
+  // A serializer bound to the request (JSON for type 0, KXP for 1, null otherwise),
+  // with its time-out, cellular access, Basic authorization and header fields, the
+  // header dictionary applied last.
+  std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(
+      const std::shared_ptr<VKQVeskRequest>& request) const;
+  // The shared response serializers, made on first use (std::call_once: safe from any
+  // thread). The JSON one accepts every status: the transport has validated it.
+  const std::shared_ptr<VKQJSONResponseSerializer>& jsonResponseSerializer();
+  const std::shared_ptr<VKQKXPResponseSerializer>& kxpResponseSerializer();
+
+  // ---- Tasks (made suspended; addRequest() resumes them) ----
+  // The task for a request: KXP requests by "POST" after the debug log, JSON requests
+  // by their method, JSON GET requests with a resumableDownloadPath as downloads. Null
+  // with the serializer's error in `error` when the URL request could not be built;
+  // null with `error` untouched for a method or serializer type outside the
+  // enumerations.
+  std::shared_ptr<vkq::platform::URLSessionTask> sessionTaskForRequest(const std::shared_ptr<VKQVeskRequest>& request,
+                                                                      vkq::platform::ErrorPtr* error);
+  // A data task whose completion goes to handleRequestResult(). With a body block the
+  // body is multipart/form-data. Null, with the error, when the serializer fails.
+  std::shared_ptr<vkq::platform::URLSessionDataTask> dataTaskWithHTTPMethod(
+      std::string_view method, const vkq::platform::HTTPRequestSerializer& serializer, std::string_view URLString,
+      const vkq::platform::Object& parameters, vkq::platform::ErrorPtr* error);
+  std::shared_ptr<vkq::platform::URLSessionDataTask> dataTaskWithHTTPMethod(
+      std::string_view method, const vkq::platform::HTTPRequestSerializer& serializer, std::string_view URLString,
+      const vkq::platform::Object& parameters, const vkq::platform::MultipartBodyBlock& block,
+      vkq::platform::ErrorPtr* error);
+
+  // ---- Downloads ----
+  // A "GET" download of URLString into `path`: the file itself, or, when `path` is an
+  // existing folder, the URL's last path component inside it. A file already at the
+  // target is removed at once. Resumes when resume data for the target exists and the
+  // data stored for `path` is a property list the transport accepts; otherwise (also
+  // when the transport refuses it: "Resume download failed, reason = " is logged) a
+  // fresh download. When the task ends, a failure's resume data is stored and a
+  // success removes any. Null with an error (domain kURLErrorDomain, code
+  // kURLErrorCannotCreateFile) when the last path component would leave the folder
+  // (".", "..", empty, or holding "/"), and null with the serializer's error when the
+  // URL request of a fresh download could not be built.
+  std::shared_ptr<vkq::platform::URLSessionDownloadTask> downloadTaskWithDownloadPath(
+      const std::string& path, const vkq::platform::HTTPRequestSerializer& requestSerlizer, std::string_view URLString,
+      const vkq::platform::Object& parameters, vkq::platform::ProgressBlock progress, vkq::platform::ErrorPtr* error);
+  // "<temporary directory>/Incomplete" (TMPDIR, default /tmp), created on every call;
+  // absent, after logging "Failed to create cache directory at", when it can't be.
+  std::optional<std::string> incompleteDownloadTempCacheFolder() const;
+  // The file URL of the resume-data file for a download path: its MD5 name in the
+  // cache folder. Absent when the cache folder is.
+  std::optional<vkq::platform::URL> incompleteDownloadTempPathForDownloadPath(std::string_view path) const;
+  // True for non-empty data that parses as a property list (of any content).
+  static bool validateResumeData(const std::optional<vkq::platform::Bytes>& data);
+  // 32 lower-case hexadecimal digits: the MD5 of the UTF-8 text up to its first NUL.
+  // REQUIRES: string is not empty (fatal assertion otherwise).
+  static std::string md5StringFromString(std::string_view string);
+
+  // ---- Debug log ----
+  // Writes the three entries that show a KXP request's URL, frame settings and the
+  // serializer's default header fields: start rule, settings text, end rule.
+  void sessionDebugWithRequest(const VKQHTTPRequestSerializer& serializer) const;
+
+ private:
+  VKQNetworkAgent();
+  ~VKQNetworkAgent() = delete;
+
+  // The main-queue part of a completion: callbacks, then the request leaves the
+  // registry (by the identifier of the task that completed) and its callbacks are
+  // cleared.
+  void deliverResult(std::uint64_t taskIdentifier, const std::shared_ptr<VKQVeskRequest>& request,
+                     const std::shared_ptr<VKQVeskResult>& result);
+  // Stores resume data under the names a later download of `downloadPath` (with
+  // target `targetPath`) tests and reads.
+  void storeResumeData(const std::string& downloadPath, const std::string& targetPath,
+                       const vkq::platform::Bytes& resumeData) const;
+  void removeResumeData(const std::string& downloadPath, const std::string& targetPath) const;
+
+  std::shared_ptr<vkq::platform::HTTPSessionManager> manager_;
+  std::once_flag jsonResponseSerializerOnce_;
+  std::shared_ptr<VKQJSONResponseSerializer> jsonResponseSerializer_;
+  std::once_flag kxpResponseSerializerOnce_;
+  std::shared_ptr<VKQKXPResponseSerializer> kxpResponseSerializer_;
+  VKQNetworkAgentRecord record_;
 };
