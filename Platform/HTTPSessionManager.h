@@ -22,11 +22,11 @@
 // calling its handler.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -45,8 +45,6 @@
 namespace vkq::platform {
 
 class SessionEngine;
-
-using ProgressBlock = std::function<void(const Progress&)>;
 
 // Largest answer body a data task keeps in memory by default (64 MiB). A longer
 // (decoded) body fails the task with kURLErrorDataLengthExceedsMaximum, so neither an
@@ -120,11 +118,9 @@ class HTTPSessionManager {
                                                                      DownloadTaskCompletion completionHandler);
 
  private:
-  std::shared_ptr<SessionEngine> engine_;
-  std::shared_ptr<NetworkReachabilityManager> reachability_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<HTTPResponseSerializer> responseSerializer_;  // guarded by mutex_
-  std::size_t maximumDataLength_ = kMaximumDataTaskBodyLength;  // guarded by mutex_
+  const std::shared_ptr<SessionEngine> engine_;
+  const std::shared_ptr<NetworkReachabilityManager> reachability_;
+  std::atomic<std::size_t> maximumDataLength_{kMaximumDataTaskBodyLength};
 };
 
 }  // namespace vkq::platform

@@ -1,0 +1,61 @@
+// RAII owners of libcurl handles, internal to the transport.
+//
+// An EasyHandle owns the easy handle together with its request header list and its
+// error buffer, so the three live and die together. Not thread-safe: a handle is used
+// by one thread at a time.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <curl/curl.h>
+
+namespace vkq::platform {
+
+// Initialises libcurl once per process (thread-safe); every handle constructor calls it.
+void ensureCurlInitialized();
+
+class EasyHandle {
+ public:
+  EasyHandle();
+  ~EasyHandle();
+  EasyHandle(const EasyHandle&) = delete;
+  EasyHandle& operator=(const EasyHandle&) = delete;
+
+  CURL* get() const { return handle_; }
+
+  // Back to a fresh handle: options, header list and error text cleared. Connection
+  // and DNS caches are kept.
+  void reset();
+  // Appends "Name: value" to the header list sent with the request.
+  void addHeader(std::string_view name, std::string_view value);
+  // Keeps libcurl from sending a field it would add by itself (e.g. "Expect").
+  void suppressHeader(std::string_view name);
+  // Installs the header list (call after the last addHeader()).
+  void applyHeaders();
+  // libcurl's detailed text of the last failure; empty when it left none.
+  std::string errorText() const { return errorBuffer_; }
+
+ private:
+  void installErrorBuffer();
+  void append(const std::string& line);
+
+  CURL* handle_;
+  curl_slist* headers_ = nullptr;
+  char errorBuffer_[CURL_ERROR_SIZE] = {};
+};
+
+struct MultiHandleDeleter {
+  void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+};
+using MultiHandle = std::unique_ptr<CURLM, MultiHandleDeleter>;
+MultiHandle makeMultiHandle();
+
+struct ShareHandleDeleter {
+  void operator()(CURLSH* share) const { curl_share_cleanup(share); }
+};
+using ShareHandle = std::unique_ptr<CURLSH, ShareHandleDeleter>;
+ShareHandle makeShareHandle();
+
+}  // namespace vkq::platform

@@ -1,0 +1,52 @@
+#include "Platform/DataTaskBody.h"
+
+#include <algorithm>
+
+#include "Platform/CurlErrors.h"
+
+namespace vkq::platform {
+
+DataTaskBody::DataTaskBody(std::size_t limit, std::string url, std::shared_ptr<ResponseSerializerSlot> serializer,
+                           HTTPSessionManager::DataTaskCompletion completion)
+    : limit_(limit), url_(std::move(url)), serializer_(std::move(serializer)), completion_(std::move(completion)) {}
+
+ErrorPtr DataTaskBody::tooLong() const {
+  return makeTransportError(kURLErrorDataLengthExceedsMaximum,
+                            "The answer body exceeds the data task limit of " + std::to_string(limit_) + " bytes.",
+                            url_);
+}
+
+ErrorPtr DataTaskBody::didReceiveResponse(const HTTPResponse& response) {
+  body_.clear();
+  const std::int64_t announced = response.expectedContentLength();
+  if (announced > 0 && !response.allHeaderFields.contains("Content-Encoding")) {
+    if (static_cast<std::uint64_t>(announced) > limit_) return tooLong();
+    body_.reserve(static_cast<std::size_t>(announced));
+  }
+  return nullptr;
+}
+
+ErrorPtr DataTaskBody::didReceiveData(const char* data, std::size_t length) {
+  if (length > limit_ - body_.size()) return tooLong();
+  body_.insert(body_.end(), reinterpret_cast<const std::uint8_t*>(data),
+               reinterpret_cast<const std::uint8_t*>(data) + length);
+  return nullptr;
+}
+
+ErrorPtr DataTaskBody::didFinish(ErrorPtr error, bool) { return error; }
+
+ErrorPtr DataTaskBody::settle(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) {
+  if (error) return error;
+  ErrorPtr invalid;
+  responseObject_ = serializer_->get()->responseObjectForResponse(response.get(), Object(std::move(body_)), &invalid);
+  return invalid;
+}
+
+void DataTaskBody::deliver(const std::shared_ptr<const HTTPResponse>& response, const ErrorPtr& error) {
+  const auto completion = std::move(completion_);
+  completion_ = nullptr;
+  Object responseObject = std::move(responseObject_);
+  if (completion) completion(response, std::move(responseObject), error);
+}
+
+}  // namespace vkq::platform

@@ -1,0 +1,40 @@
+// The body sink of data tasks: the answer body collected in memory, up to a limit,
+// then turned into the response object by the manager's response serializer.
+// Internal to the transport.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "Platform/HTTPSessionManager.h"
+#include "Platform/SessionEngine.h"
+#include "Platform/SessionTransfer.h"
+
+namespace vkq::platform {
+
+class DataTaskBody final : public BodySink {
+ public:
+  DataTaskBody(std::size_t limit, std::string url, std::shared_ptr<ResponseSerializerSlot> serializer,
+               HTTPSessionManager::DataTaskCompletion completion);
+
+  ErrorPtr didReceiveResponse(const HTTPResponse& response) override;
+  ErrorPtr didReceiveData(const char* data, std::size_t length) override;
+  ErrorPtr didFinish(ErrorPtr error, bool cancelled) override;
+  std::int64_t length() const override { return static_cast<std::int64_t>(body_.size()); }
+
+  ErrorPtr settle(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) override;
+  void deliver(const std::shared_ptr<const HTTPResponse>& response, const ErrorPtr& error) override;
+
+ private:
+  ErrorPtr tooLong() const;
+
+  const std::size_t limit_;
+  const std::string url_;
+  const std::shared_ptr<ResponseSerializerSlot> serializer_;
+  HTTPSessionManager::DataTaskCompletion completion_;
+  Bytes body_;
+  Object responseObject_;
+};
+
+}  // namespace vkq::platform

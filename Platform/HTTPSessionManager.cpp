@@ -1,0 +1,112 @@
+#include "Platform/HTTPSessionManager.h"
+
+#include <system_error>
+
+#include "Platform/DataTaskBody.h"
+#include "Platform/DownloadTaskBody.h"
+#include "Platform/ResumeData.h"
+#include "Platform/SessionEngine.h"
+#include "Platform/SessionTransfer.h"
+
+namespace vkq::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+// libcurl's largest receive buffer: downloads reach the disk in large writes.
+constexpr long kDownloadBufferSize = 512 * 1024;
+
+std::string urlString(const URLRequest& request) { return request.url ? request.url->absoluteString() : std::string(); }
+
+// The resume data's partial file, checked: it must lie in our folder and hold exactly
+// the bytes the data counts.
+void checkPartialFile(const ResumeData& resume) {
+  std::error_code error;
+  const fs::path file = fs::weakly_canonical(resume.partialFilePath, error);
+  const fs::path folder = fs::weakly_canonical(HTTPSessionManager::partialDownloadsFolder(), error);
+  if (error || file.parent_path() != folder) {
+    throw ResumeDataRefused("the partial file is not in the partial downloads folder");
+  }
+  if (!fs::is_regular_file(file, error)) throw ResumeDataRefused("the partial file is missing");
+  const auto size = fs::file_size(file, error);
+  if (error || size != static_cast<std::uintmax_t>(resume.bytesReceived)) {
+    throw ResumeDataRefused("the partial file's size differs from the resume data");
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<HTTPSessionManager> HTTPSessionManager::manager() { return std::make_shared<HTTPSessionManager>(); }
+
+HTTPSessionManager::HTTPSessionManager()
+    : engine_(std::make_shared<SessionEngine>()), reachability_(std::make_shared<NetworkReachabilityManager>()) {}
+
+HTTPSessionManager::~HTTPSessionManager() = default;
+
+std::shared_ptr<HTTPResponseSerializer> HTTPSessionManager::responseSerializer() const {
+  return engine_->responseSerializer()->get();
+}
+
+void HTTPSessionManager::setResponseSerializer(std::shared_ptr<HTTPResponseSerializer> serializer) {
+  engine_->responseSerializer()->set(serializer ? std::move(serializer) : HTTPResponseSerializer::serializer());
+}
+
+std::size_t HTTPSessionManager::maximumDataLength() const { return maximumDataLength_.load(); }
+
+void HTTPSessionManager::setMaximumDataLength(std::size_t bytes) { maximumDataLength_.store(bytes); }
+
+fs::path HTTPSessionManager::partialDownloadsFolder() {
+  std::error_code error;
+  fs::path temporary = fs::temp_directory_path(error);
+  if (error) temporary = "/tmp";
+  return temporary / "vkq-partial-downloads";
+}
+
+std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(const URLRequest& request,
+                                                                            ProgressBlock uploadProgress,
+                                                                            ProgressBlock downloadProgress,
+                                                                            DataTaskCompletion completionHandler) {
+  auto record = std::make_shared<TaskRecord>(request);
+  auto body = std::make_unique<DataTaskBody>(maximumDataLength(), urlString(request), engine_->responseSerializer(),
+                                             std::move(completionHandler));
+  auto transfer = std::make_shared<SessionTransfer>(
+      engine_, record, request, std::move(body),
+      SessionTransfer::Options{std::move(uploadProgress), std::move(downloadProgress), 0});
+  return std::make_shared<URLSessionDataTask>(std::move(record), std::move(transfer));
+}
+
+std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequest(
+    const URLRequest& request, ProgressBlock progress, DownloadDestination destination,
+    DownloadTaskCompletion completionHandler) {
+  auto record = std::make_shared<TaskRecord>(request);
+  auto body = std::make_unique<DownloadTaskBody>(
+      partialDownloadsFolder(), request,
+      DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
+  auto transfer = std::make_shared<SessionTransfer>(
+      engine_, record, request, std::move(body), SessionTransfer::Options{nullptr, std::move(progress), kDownloadBufferSize});
+  return std::make_shared<URLSessionDownloadTask>(std::move(record), std::move(transfer));
+}
+
+std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResumeData(
+    const Bytes& resumeData, ProgressBlock progress, DownloadDestination destination,
+    DownloadTaskCompletion completionHandler) {
+  std::string reason;
+  const auto resume = ResumeData::decode(resumeData, reason);
+  if (!resume) throw ResumeDataRefused("resume data refused: " + reason);
+  URLRequest request = DownloadTaskBody::requestForResumeData(*resume);
+  if (!request.url || (request.url->scheme() != "http" && request.url->scheme() != "https")) {
+    throw ResumeDataRefused("resume data refused: not an HTTP URL");
+  }
+  checkPartialFile(*resume);
+
+  auto record = std::make_shared<TaskRecord>(request);
+  auto body = std::make_unique<DownloadTaskBody>(
+      *resume,
+      DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
+  auto transfer = std::make_shared<SessionTransfer>(
+      engine_, record, std::move(request), std::move(body),
+      SessionTransfer::Options{nullptr, std::move(progress), kDownloadBufferSize});
+  return std::make_shared<URLSessionDownloadTask>(std::move(record), std::move(transfer));
+}
+
+}  // namespace vkq::platform

@@ -1,0 +1,371 @@
+#include "Platform/SessionTransfer.h"
+
+#include <algorithm>
+
+#include "Platform/CurlErrors.h"
+#include "Platform/SessionEngine.h"
+
+namespace vkq::platform {
+namespace {
+
+using Clock = TransferWorker::Clock;
+
+constexpr auto kProgressInterval = std::chrono::milliseconds(50);
+constexpr std::int64_t kProgressStep = std::int64_t{1} << 20;
+constexpr long kMaximumRedirects = 16;
+
+std::uint64_t nextTaskIdentifier() {
+  static std::atomic<std::uint64_t> counter{0};
+  return counter.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+std::string_view trim(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return {};
+  const auto last = text.find_last_not_of(" \t\r\n");
+  return text.substr(first, last - first + 1);
+}
+
+// The first header field that must not be sent, or absent.
+std::optional<std::string> unsafeHeaderField(const HTTPHeaders& fields) {
+  for (const auto& [name, value] : fields) {
+    if (name.empty() || name.find(':') != std::string::npos || !isSafeHeaderText(name) || !isSafeHeaderText(value)) {
+      return name;
+    }
+  }
+  return std::nullopt;
+}
+
+bool isContentEncoded(const HTTPResponse& response) {
+  const auto encoding = response.allHeaderFields.value("Content-Encoding");
+  return encoding && !encoding->empty() && *encoding != "identity";
+}
+
+}  // namespace
+
+TaskRecord::TaskRecord(std::optional<URLRequest> request)
+    : identifier(nextTaskIdentifier()), originalRequest(request), currentRequest(std::move(request)) {}
+
+SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<TaskRecord> record,
+                                 std::optional<URLRequest> request, std::unique_ptr<BodySink> sink, Options options)
+    : engine_(engine),
+      workerQueue_(&engine->completionQueue()),
+      record_(std::move(record)),
+      request_(std::move(request)),
+      sink_(std::move(sink)),
+      hasUploadProgress_(static_cast<bool>(options.uploadProgress)),
+      hasDownloadProgress_(static_cast<bool>(options.downloadProgress)),
+      receiveBufferSize_(options.receiveBufferSize),
+      uploadProgress_(std::move(options.uploadProgress)),
+      downloadProgress_(std::move(options.downloadProgress)) {}
+
+SessionTransfer::~SessionTransfer() = default;
+
+std::string SessionTransfer::failingURL() const {
+  return request_ && request_->url ? request_->url->absoluteString() : std::string();
+}
+
+void SessionTransfer::resume() {
+  const auto engine = engine_.lock();  // released after the record's lock
+  std::lock_guard lock(record_->mutex);
+  if (record_->state != URLSessionTaskState::Suspended) return;
+  if (!engine) {
+    record_->state = URLSessionTaskState::Completed;
+    record_->error = makeTransportError(kURLErrorCancelled, "cancelled", failingURL());
+    return;
+  }
+  record_->state = URLSessionTaskState::Running;
+  // Queued under the lock so that a concurrent cancel() reaches the worker after it.
+  engine->worker().add(shared_from_this());
+}
+
+void SessionTransfer::cancel() {
+  const auto engine = engine_.lock();  // released after the record's lock
+  std::unique_lock lock(record_->mutex);
+  const URLSessionTaskState state = record_->state;
+  if (state != URLSessionTaskState::Suspended && state != URLSessionTaskState::Running) return;
+  record_->state = URLSessionTaskState::Canceling;
+  if (state == URLSessionTaskState::Running) {
+    if (engine) engine->worker().cancel(shared_from_this());
+    return;
+  }
+  lock.unlock();
+  // Never started: nothing runs on the worker, so the exchange ends here.
+  ErrorPtr error = sink_->didFinish(makeTransportError(kURLErrorCancelled, "cancelled", failingURL()), true);
+  if (engine) {
+    engine->completionQueue().async([self = shared_from_this(), error] { self->complete(nullptr, error); });
+  } else {
+    std::lock_guard relock(record_->mutex);
+    record_->state = URLSessionTaskState::Completed;
+    record_->error = error;
+  }
+}
+
+void SessionTransfer::postToCompletionQueue(std::function<void()> job) {
+  if (const auto engine = engine_.lock()) engine->completionQueue().async(std::move(job));
+}
+
+bool SessionTransfer::start(CURLSH* share) noexcept {
+  try {
+    if (!request_ || !request_->url) {
+      conclude(makeTransportError(kURLErrorBadURL, "The request has no URL.", ""), false);
+      return false;
+    }
+    URLRequest request = *request_;
+    if (ErrorPtr refused = sink_->willSend(request)) {
+      conclude(std::move(refused), false);
+      return false;
+    }
+    if (const auto field = unsafeHeaderField(request.allHTTPHeaderFields)) {
+      conclude(makeTransportError(kURLErrorBadURL,
+                                  "The request header field \"" + *field +
+                                      "\" contains a line break, NUL or colon; the request was not sent.",
+                                  failingURL()),
+               false);
+      return false;
+    }
+    {
+      std::lock_guard lock(record_->mutex);
+      record_->currentRequest = request;
+    }
+    sent_ = std::move(request);
+    headerFields_ = HTTPHeaders();
+    response_.reset();
+    abortError_.reset();
+    expectedLength_ = -1;
+    if (easy_) {
+      easy_->reset();
+    } else {
+      easy_ = std::make_unique<EasyHandle>();
+    }
+    configure(*sent_, share);
+    return true;
+  } catch (const std::exception& failure) {
+    conclude(makeTransportError(kURLErrorUnknown, failure.what(), failingURL()), false);
+    return false;
+  }
+}
+
+void SessionTransfer::configure(const URLRequest& request, CURLSH* share) {
+  CURL* handle = easy_->get();
+  curl_easy_setopt(handle, CURLOPT_URL, request.url->absoluteString().c_str());
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaximumRedirects);
+  curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
+  curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+  curl_easy_setopt(handle, CURLOPT_SHARE, share);
+  curl_easy_setopt(handle, CURLOPT_COOKIEFILE, "");  // cookie engine on, nothing read from disk
+  if (receiveBufferSize_ > 0) curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, receiveBufferSize_);
+  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &SessionTransfer::onHeader);
+  curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &SessionTransfer::onBody);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
+
+  const std::string& method = request.HTTPMethod;
+  if (request.HTTPBody) {
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.HTTPBody->size()));
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, reinterpret_cast<const char*>(request.HTTPBody->data()));
+    if (method != "POST") curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
+    // Upload progress also counts as activity for the idle time-out.
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &SessionTransfer::onProgress);
+    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
+  } else if (method == "GET") {
+    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+  } else if (method == "HEAD") {
+    curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+  } else if (method == "POST") {
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, 0L);
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, "");
+  } else {
+    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+
+  for (const auto& [name, value] : request.allHTTPHeaderFields) easy_->addHeader(name, value);
+  // libcurl would hold bodies over 1 MiB back for a "100 Continue" first.
+  if (!request.allHTTPHeaderFields.contains("Expect")) easy_->suppressHeader("Expect");
+  easy_->applyHeaders();
+
+  idleTimeout = request.timeoutInterval > 0
+                    ? std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(request.timeoutInterval))
+                    : Clock::duration::zero();
+}
+
+std::size_t SessionTransfer::onHeader(char* data, std::size_t size, std::size_t count, void* self) {
+  return static_cast<SessionTransfer*>(self)->receiveHeader(std::string_view(data, size * count));
+}
+
+std::size_t SessionTransfer::onBody(char* data, std::size_t size, std::size_t count, void* self) {
+  return static_cast<SessionTransfer*>(self)->receiveBody(data, size * count);
+}
+
+int SessionTransfer::onProgress(void* self, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded) {
+  auto* transfer = static_cast<SessionTransfer*>(self);
+  if (uploaded != transfer->uploaded_) {
+    transfer->lastActivity = Clock::now();
+    transfer->reportUpload(uploaded, uploadTotal > 0 ? uploadTotal : -1, false);
+  }
+  return 0;
+}
+
+std::size_t SessionTransfer::receiveHeader(std::string_view line) {
+  lastActivity = Clock::now();
+  if (response_) return line.size();  // trailers of the final answer
+  const std::string_view text = trim(line);
+  if (text.starts_with("HTTP/")) {
+    headerFields_ = HTTPHeaders();  // a new answer: an interim one or a redirect came before
+  } else if (const auto colon = text.find(':'); colon != std::string_view::npos && colon > 0) {
+    const std::string_view name = trim(text.substr(0, colon));
+    const std::string_view value = trim(text.substr(colon + 1));
+    if (const auto earlier = headerFields_.value(name)) {
+      headerFields_.set(name, *earlier + ", " + std::string(value));
+    } else {
+      headerFields_.set(name, value);
+    }
+  }
+  return line.size();
+}
+
+ErrorPtr SessionTransfer::takeResponse() {
+  CURL* handle = easy_->get();
+  long status = 0;
+  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+  char* effectiveURL = nullptr;
+  curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_URL, &effectiveURL);
+  curl_off_t contentLength = -1;
+  curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
+
+  auto response = std::make_shared<HTTPResponse>();
+  if (effectiveURL != nullptr) response->url = URL::URLWithString(effectiveURL);
+  response->statusCode = static_cast<int>(status);
+  response->allHeaderFields = std::move(headerFields_);
+  response_ = response;
+
+  ErrorPtr error = sink_->didReceiveResponse(*response);
+  const std::int64_t held = sink_->length();
+  // A decoded body has another length than the one announced.
+  expectedLength_ = contentLength >= 0 && !isContentEncoded(*response) ? held + contentLength : -1;
+  std::lock_guard lock(record_->mutex);
+  record_->response = response_;
+  if (record_->currentRequest && response->url) record_->currentRequest->url = response->url;
+  record_->bytesReceived = held;
+  record_->bytesExpected = expectedLength_;
+  return error;
+}
+
+std::size_t SessionTransfer::receiveBody(const char* data, std::size_t length) {
+  lastActivity = Clock::now();
+  if (!response_) {
+    if ((abortError_ = takeResponse())) return CURL_WRITEFUNC_ERROR;
+  }
+  if ((abortError_ = sink_->didReceiveData(data, length))) return CURL_WRITEFUNC_ERROR;
+  {
+    std::lock_guard lock(record_->mutex);
+    record_->bytesReceived = sink_->length();
+  }
+  reportDownload(false);
+  return length;
+}
+
+void SessionTransfer::reportDownload(bool last) {
+  if (!hasDownloadProgress_) return;
+  const std::int64_t held = sink_->length();
+  const auto now = Clock::now();
+  if (held == lastDownloadReported_) return;
+  if (!last && held - lastDownloadReported_ < kProgressStep && now - lastDownloadReport_ < kProgressInterval) return;
+  lastDownloadReport_ = now;
+  lastDownloadReported_ = held;
+  const Progress progress{held, expectedLength_};
+  workerQueue_->async([self = shared_from_this(), progress] {
+    try {
+      if (self->downloadProgress_) self->downloadProgress_(progress);
+    } catch (...) {
+      // A progress callback's failure is the application's; the transfer goes on.
+    }
+  });
+}
+
+void SessionTransfer::reportUpload(std::int64_t sent, std::int64_t total, bool last) {
+  uploaded_ = sent;
+  if (total >= 0) uploadTotal_ = total;
+  if (!hasUploadProgress_ || sent == lastUploadReported_) return;
+  const auto now = Clock::now();
+  if (!last && sent - lastUploadReported_ < kProgressStep && now - lastUploadReport_ < kProgressInterval) return;
+  lastUploadReport_ = now;
+  lastUploadReported_ = sent;
+  const Progress progress{sent, uploadTotal_};
+  workerQueue_->async([self = shared_from_this(), progress] {
+    try {
+      if (self->uploadProgress_) self->uploadProgress_(progress);
+    } catch (...) {
+      // As for download progress.
+    }
+  });
+}
+
+bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexcept {
+  try {
+    ErrorPtr error;
+    switch (reason) {
+      case TransferWorker::EndReason::Cancelled:
+        conclude(makeTransportError(kURLErrorCancelled, "cancelled", failingURL()), true);
+        return false;
+      case TransferWorker::EndReason::TimedOut:
+        conclude(makeTransportError(kURLErrorTimedOut, "The request timed out.", failingURL()), false);
+        return false;
+      case TransferWorker::EndReason::Done:
+        break;
+    }
+    if (!response_) {
+      long status = 0;
+      curl_easy_getinfo(easy_->get(), CURLINFO_RESPONSE_CODE, &status);
+      // An answer without a body (HEAD, 204) has not met the write callback.
+      if (status > 0) {
+        ErrorPtr refused = takeResponse();
+        if (code == CURLE_OK) error = refused;
+      }
+    }
+    if (code != CURLE_OK) error = abortError_ ? abortError_ : makeCurlError(code, easy_->errorText(), failingURL());
+    if (sink_->shouldRestart()) return true;
+    if (!error && hasUploadProgress_ && uploaded_ > 0) reportUpload(uploaded_, uploadTotal_, true);
+    conclude(error, false);
+  } catch (const std::exception& failure) {
+    try {
+      conclude(makeTransportError(kURLErrorUnknown, failure.what(), failingURL()), false);
+    } catch (...) {
+      // Out of memory while failing: nothing more can be done for this task.
+    }
+  }
+  return false;
+}
+
+void SessionTransfer::conclude(ErrorPtr error, bool cancelled) {
+  error = sink_->didFinish(std::move(error), cancelled);
+  reportDownload(true);
+  workerQueue_->async([self = shared_from_this(), response = response_, error] { self->complete(response, error); });
+}
+
+void SessionTransfer::complete(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) {
+  try {
+    error = sink_->settle(response, std::move(error));
+  } catch (const std::exception& failure) {
+    error = makeTransportError(kURLErrorUnknown, failure.what(), failingURL());
+  }
+  {
+    std::lock_guard lock(record_->mutex);
+    record_->state = URLSessionTaskState::Completed;
+    record_->error = error;
+  }
+  try {
+    sink_->deliver(response, error);
+  } catch (...) {
+    // A completion handler's exception must not reach the queue.
+  }
+  uploadProgress_ = nullptr;
+  downloadProgress_ = nullptr;
+}
+
+}  // namespace vkq::platform

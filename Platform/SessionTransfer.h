@@ -1,0 +1,155 @@
+// One task's exchange: turns its URL request into a configured libcurl easy handle,
+// collects the answer's head, hands the body to the task's body sink, reports progress
+// and delivers the outcome exactly once on the completion queue. Internal to the
+// transport.
+//
+// The task state lives in a TaskRecord shared by the public task object and its
+// transfer; every state change happens in SessionTransfer:
+//   Suspended --resume()--> Running --(exchange ends)--> Completed
+//   Suspended --cancel()--> Canceling --(queued at once)--> Completed
+//   Running   --cancel()--> Canceling --(worker stops it)--> Completed
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "Platform/CurlHandles.h"
+#include "Platform/Error.h"
+#include "Platform/HTTPResponse.h"
+#include "Platform/Progress.h"
+#include "Platform/TransferWorker.h"
+#include "Platform/URLRequest.h"
+#include "Platform/URLSessionTask.h"
+
+namespace vkq::platform {
+
+class SerialQueue;
+class SessionEngine;
+
+struct TaskRecord {
+  explicit TaskRecord(std::optional<URLRequest> request);
+
+  const std::uint64_t identifier;
+  const std::optional<URLRequest> originalRequest;
+
+  mutable std::mutex mutex;
+  URLSessionTaskState state = URLSessionTaskState::Suspended;  // guarded by mutex
+  std::optional<URLRequest> currentRequest;                     // guarded by mutex
+  std::shared_ptr<const HTTPResponse> response;                 // guarded by mutex
+  ErrorPtr error;                                               // guarded by mutex
+  std::int64_t bytesReceived = 0;                               // guarded by mutex
+  std::int64_t bytesExpected = -1;                              // guarded by mutex
+};
+
+// Where a task's answer body goes and what its outcome becomes. The worker-side hooks
+// run on the worker thread, or on the caller's thread for a task cancelled before it
+// ever started; settle() and deliver() run on the completion queue.
+class BodySink {
+ public:
+  virtual ~BodySink() = default;
+
+  // Adjusts the request before it is (re)sent, e.g. with a resume range. An error
+  // ends the task without sending anything.
+  virtual ErrorPtr willSend(URLRequest& request) {
+    (void)request;
+    return nullptr;
+  }
+  // The head of the final answer, before its first body byte. An error stops the
+  // exchange and becomes its outcome.
+  virtual ErrorPtr didReceiveResponse(const HTTPResponse& response) = 0;
+  virtual ErrorPtr didReceiveData(const char* data, std::size_t length) = 0;
+  // After an exchange that ended without a transport error: true to send the request
+  // again from scratch.
+  virtual bool shouldRestart() { return false; }
+  // The exchange is over (`error` absent on success); returns the outcome's error.
+  virtual ErrorPtr didFinish(ErrorPtr error, bool cancelled) = 0;
+  // Body bytes held, from the start of the entity.
+  virtual std::int64_t length() const = 0;
+
+  // Validates the outcome and prepares what deliver() hands over; returns the task's
+  // final error.
+  virtual ErrorPtr settle(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) = 0;
+  // Calls the completion handler, then drops every callback.
+  virtual void deliver(const std::shared_ptr<const HTTPResponse>& response, const ErrorPtr& error) = 0;
+};
+
+class SessionTransfer final : public TransferWorker::Transfer, public std::enable_shared_from_this<SessionTransfer> {
+ public:
+  struct Options {
+    ProgressBlock uploadProgress;
+    ProgressBlock downloadProgress;
+    // libcurl's receive buffer; larger ones mean fewer, larger writes.
+    long receiveBufferSize = 0;
+  };
+
+  SessionTransfer(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<TaskRecord> record,
+                  std::optional<URLRequest> request, std::unique_ptr<BodySink> sink, Options options);
+  ~SessionTransfer() override;
+
+  // Any thread.
+  void resume();
+  void cancel();
+  BodySink& sink() { return *sink_; }
+  // Any thread: runs `job` on the completion queue, or not at all when the manager is
+  // gone.
+  void postToCompletionQueue(std::function<void()> job);
+
+  // TransferWorker::Transfer
+  bool start(CURLSH* share) noexcept override;
+  CURL* easyHandle() noexcept override { return easy_ ? easy_->get() : nullptr; }
+  bool end(TransferWorker::EndReason reason, CURLcode code) noexcept override;
+
+ private:
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
+  static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded);
+
+  // Worker thread.
+  void configure(const URLRequest& request, CURLSH* share);
+  std::size_t receiveHeader(std::string_view line);
+  std::size_t receiveBody(const char* data, std::size_t length);
+  ErrorPtr takeResponse();
+  void reportDownload(bool last);
+  void reportUpload(std::int64_t sent, std::int64_t total, bool last);
+  // The exchange is over: lets the sink finish and queues the completion.
+  void conclude(ErrorPtr error, bool cancelled);
+  // Completion queue.
+  void complete(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error);
+
+  std::string failingURL() const;
+
+  const std::weak_ptr<SessionEngine> engine_;
+  // The engine's completion queue, used from the worker thread only: the engine stops
+  // the worker before its queue, so it outlives every use there.
+  SerialQueue* const workerQueue_;
+  const std::shared_ptr<TaskRecord> record_;
+  const std::optional<URLRequest> request_;
+  const std::unique_ptr<BodySink> sink_;
+  const bool hasUploadProgress_;
+  const bool hasDownloadProgress_;
+  const long receiveBufferSize_;
+  // Called on the completion queue only; dropped by complete().
+  ProgressBlock uploadProgress_;
+  ProgressBlock downloadProgress_;
+
+  // Worker thread (or the cancelling thread of a task that never started).
+  std::unique_ptr<EasyHandle> easy_;
+  std::optional<URLRequest> sent_;
+  HTTPHeaders headerFields_;
+  std::shared_ptr<const HTTPResponse> response_;
+  ErrorPtr abortError_;
+  std::int64_t expectedLength_ = -1;
+  TransferWorker::Clock::time_point lastDownloadReport_{};
+  std::int64_t lastDownloadReported_ = -1;
+  TransferWorker::Clock::time_point lastUploadReport_{};
+  std::int64_t lastUploadReported_ = -1;
+  std::int64_t uploaded_ = 0;
+  std::int64_t uploadTotal_ = -1;
+};
+
+}  // namespace vkq::platform

@@ -1,0 +1,73 @@
+#include "Platform/URLSessionTask.h"
+
+#include "Platform/DownloadTaskBody.h"
+#include "Platform/SessionTransfer.h"
+
+namespace vkq::platform {
+
+URLSessionTask::URLSessionTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer)
+    : record_(std::move(record)), transfer_(std::move(transfer)) {}
+
+URLSessionTask::~URLSessionTask() = default;
+
+std::uint64_t URLSessionTask::taskIdentifier() const { return record_->identifier; }
+
+void URLSessionTask::resume() { transfer_->resume(); }
+
+void URLSessionTask::cancel() { transfer_->cancel(); }
+
+URLSessionTaskState URLSessionTask::state() const {
+  std::lock_guard lock(record_->mutex);
+  return record_->state;
+}
+
+std::optional<URLRequest> URLSessionTask::originalRequest() const { return record_->originalRequest; }
+
+std::optional<URLRequest> URLSessionTask::currentRequest() const {
+  std::lock_guard lock(record_->mutex);
+  return record_->currentRequest;
+}
+
+std::shared_ptr<const HTTPResponse> URLSessionTask::response() const {
+  std::lock_guard lock(record_->mutex);
+  return record_->response;
+}
+
+ErrorPtr URLSessionTask::error() const {
+  std::lock_guard lock(record_->mutex);
+  return record_->error;
+}
+
+std::int64_t URLSessionTask::countOfBytesReceived() const {
+  std::lock_guard lock(record_->mutex);
+  return record_->bytesReceived;
+}
+
+std::int64_t URLSessionTask::countOfBytesExpectedToReceive() const {
+  std::lock_guard lock(record_->mutex);
+  return record_->bytesExpected;
+}
+
+URLSessionDataTask::URLSessionDataTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer)
+    : URLSessionTask(std::move(record), std::move(transfer)) {}
+
+URLSessionDownloadTask::URLSessionDownloadTask(std::shared_ptr<TaskRecord> record,
+                                               std::shared_ptr<SessionTransfer> transfer)
+    : URLSessionTask(std::move(record), std::move(transfer)) {}
+
+void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std::optional<Bytes>)> handler) {
+  // Download tasks are only ever made with a download body.
+  auto& body = static_cast<DownloadTaskBody&>(transfer()->sink());
+  if (!body.requestResumeData(handler)) {
+    transfer()->postToCompletionQueue([handler = std::move(handler)] {
+      try {
+        if (handler) handler(std::nullopt);
+      } catch (...) {
+        // As for every callback of the queue.
+      }
+    });
+  }
+  cancel();
+}
+
+}  // namespace vkq::platform
