@@ -69,7 +69,10 @@ class HTTPRequestSerializer {
   std::optional<URLRequest> requestWithMethod(std::string_view method, std::string_view URLString,
                                               const Object& parameters, ErrorPtr* error) const;
   // A multipart/form-data request with a random boundary: the parameters (a JSON
-  // object) first, as form fields, then the parts `block` appends.
+  // object, flattened as for queries) first, as form fields, then the parts `block`
+  // appends; "Content-Type" and "Content-Length" describe the body. The method must
+  // not be "GET" or "HEAD" (a parameter assertion); other parameters than an object
+  // are an error.
   std::optional<URLRequest> multipartFormRequestWithMethod(std::string_view method, std::string_view URLString,
                                                            const Object& parameters, const MultipartBodyBlock& block,
                                                            ErrorPtr* error) const;
@@ -77,7 +80,11 @@ class HTTPRequestSerializer {
   // Applies the default header fields the request does not carry; for a method in the
   // URI set appends the parameters as a query string, otherwise writes them as a
   // form-urlencoded body ("Content-Type" "application/x-www-form-urlencoded" unless the
-  // request sets one). Absent parameters leave URL and body alone.
+  // request sets one). Absent (or JSON null) parameters leave URL and body alone. A JSON
+  // object or array is encoded by queryStringFromParameters(); a JSON string or number
+  // is used as it is. Bytes become the body ("application/octet-stream" unless set);
+  // bytes or a URL for a URI method are an error (kURLRequestSerializationErrorDomain,
+  // kURLErrorCannotDecodeContentData), as is a query that leaves no valid URL.
   virtual std::optional<URLRequest> requestBySerializingRequest(const URLRequest& request, const Object& parameters,
                                                                 ErrorPtr* error) const;
 
@@ -99,8 +106,9 @@ class HTTPRequestSerializer {
 };
 
 // Query-string encoding of parameters: object keys ascending, `key[sub]=value` for
-// nested objects, `key[]=value` per array element, a bare key for null, numbers and
-// booleans as decimal text (true is 1), pairs joined by "&". Keys and values are
+// nested objects, `key[]=value` per array element (a top-level array's elements have
+// the key "[]"), a bare key for null, numbers and booleans as decimal text (true is 1,
+// floats in their shortest round-trip form), pairs joined by "&". Keys and values are
 // percent-encoded with RFC 3986's query characters minus ":#[]@!$&'()*+,;=".
 std::string queryStringFromParameters(const JSON& parameters);
 std::string percentEscapedQueryString(std::string_view text);

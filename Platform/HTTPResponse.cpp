@@ -1,6 +1,9 @@
 #include "Platform/HTTPResponse.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
+#include <utility>
 
 namespace vkq::platform {
 namespace {
@@ -38,6 +41,76 @@ std::int64_t HTTPResponse::expectedContentLength() const {
 std::string HTTPResponse::description() const {
   return "<HTTPResponse> { URL: " + (url ? url->absoluteString() : std::string("(null)")) +
          " } { Status Code: " + std::to_string(statusCode) + ", Headers " + allHeaderFields.description() + " }";
+}
+
+std::string HTTPResponse::localizedStringForStatusCode(int statusCode) {
+  // Reason phrases of RFC 9110 and of the WebDAV and extension RFCs, in status order.
+  static constexpr auto kPhrases = std::to_array<std::pair<int, std::string_view>>({
+      {100, "continue"},
+      {101, "switching protocols"},
+      {102, "processing"},
+      {103, "early hints"},
+      {200, "no error"},
+      {201, "created"},
+      {202, "accepted"},
+      {203, "non-authoritative information"},
+      {204, "no content"},
+      {205, "reset content"},
+      {206, "partial content"},
+      {207, "multi-status"},
+      {208, "already reported"},
+      {300, "multiple choices"},
+      {301, "moved permanently"},
+      {302, "found"},
+      {303, "see other"},
+      {304, "not modified"},
+      {305, "use proxy"},
+      {307, "temporary redirect"},
+      {308, "permanent redirect"},
+      {400, "bad request"},
+      {401, "unauthorized"},
+      {402, "payment required"},
+      {403, "forbidden"},
+      {404, "not found"},
+      {405, "method not allowed"},
+      {406, "unacceptable"},
+      {407, "proxy authentication required"},
+      {408, "request timed out"},
+      {409, "conflict"},
+      {410, "no longer exists"},
+      {411, "length required"},
+      {412, "precondition failed"},
+      {413, "request too large"},
+      {414, "requested URL too long"},
+      {415, "unsupported media type"},
+      {416, "requested range not satisfiable"},
+      {417, "expectation failed"},
+      {421, "misdirected request"},
+      {422, "unprocessable request"},
+      {423, "locked"},
+      {424, "failed dependency"},
+      {425, "too early"},
+      {426, "upgrade required"},
+      {428, "precondition required"},
+      {429, "too many requests"},
+      {431, "request header fields too large"},
+      {451, "unavailable for legal reasons"},
+      {500, "internal server error"},
+      {501, "unimplemented"},
+      {502, "bad gateway"},
+      {503, "service unavailable"},
+      {504, "gateway timed out"},
+      {505, "unsupported version"},
+      {511, "network authentication required"},
+  });
+  const auto found = std::lower_bound(kPhrases.begin(), kPhrases.end(), statusCode,
+                                      [](const auto& entry, int code) { return entry.first < code; });
+  if (found != kPhrases.end() && found->first == statusCode) return std::string(found->second);
+  if (statusCode >= 100 && statusCode < 200) return "informational";
+  if (statusCode >= 200 && statusCode < 300) return "success";
+  if (statusCode >= 300 && statusCode < 400) return "redirected";
+  if (statusCode >= 400 && statusCode < 500) return "client error";
+  return "server error";
 }
 
 }  // namespace vkq::platform

@@ -22,6 +22,10 @@ struct HTTPResponse {
   std::int64_t expectedContentLength() const;
 
   std::string description() const;
+
+  // The status's reason phrase in lower case ("not found"); for a status without a
+  // known phrase, its class ("client error"); "server error" above 599.
+  static std::string localizedStringForStatusCode(int statusCode);
 };
 
 }  // namespace vkq::platform
