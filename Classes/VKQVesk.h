@@ -6,8 +6,11 @@
 //   vesk->requestWithSuccess(onSuccess, onFailure);
 //
 // Reading a promise returns a callable that holds the builder weakly, stores one value
-// and returns the builder (null, doing nothing, once the builder is gone). The builder
-// keeps only the latest callable of each promise.
+// and returns the builder. Once the builder is gone (or when it was never owned by a
+// std::shared_ptr) the callable does nothing and returns null. The builder keeps no
+// reference to the callables it hands out, so no cycle forms.
+//
+// Threads: as VKQVeskRequest: configure on one thread, before starting.
 #pragma once
 
 #include <cstdint>
@@ -67,7 +70,8 @@ class VKQVesk : public VKQVeskRequest {
   // Replaces the whole header dictionary (absent removes it).
   Promise<std::optional<VKQHeaderDictionary>> headersPromise();
 
-  // Set the method to GET or POST and return the builder, to open or continue a chain.
+  // Set the method to GET or POST and return the builder (null when the builder is not
+  // owned by a std::shared_ptr), to open or continue a chain.
   std::shared_ptr<VKQVesk> GET();
   std::shared_ptr<VKQVesk> POST();
 
@@ -99,7 +103,8 @@ class VKQVesk : public VKQVeskRequest {
   void setHeaders(std::optional<VKQHeaderDictionary> headers) { headers_ = std::move(headers); }
 
  private:
-  std::shared_ptr<VKQVesk> self() { return std::static_pointer_cast<VKQVesk>(shared_from_this()); }
+  // This builder, or null when it is not owned by a std::shared_ptr.
+  std::shared_ptr<VKQVesk> self() { return std::static_pointer_cast<VKQVesk>(weak_from_this().lock()); }
 
   VKQRequestSerializerType requestSerializerType_ = VKQRequestSerializerTypeJSON;
   VKQResponseSerializerType responseSerializerType_ = VKQResponseSerializerTypeJSON;
@@ -117,8 +122,4 @@ class VKQVesk : public VKQVeskRequest {
   std::shared_ptr<vkq::platform::Bytes> requestData_;
   vkq::platform::Object argument_;
   std::optional<VKQHeaderDictionary> headers_;
-  // The latest callable of each promise (they hold the builder weakly).
-  // Implementation detail; see VKQVesk.cpp.
-  struct Promises;
-  std::shared_ptr<Promises> promises_;
 };

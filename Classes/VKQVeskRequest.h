@@ -142,6 +142,10 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   virtual std::string description() const;
 
  private:
+  // Hands the request to the shared agent. REQUIRES: owned by a std::shared_ptr
+  // (fatal assertion otherwise).
+  void start();
+
   std::shared_ptr<vkq::platform::URLSessionTask> requestTask_;
   vkq::platform::Object responseData_;
   vkq::platform::ErrorPtr error_;
