@@ -17,26 +17,8 @@
 #include <span>
 #include <string>
 
+#include "Classes/Serialization/VKQKXPFrameLayout.h"
 #include "Platform/Bytes.h"
-
-class VKQVeskRequest;
-
-// The request settings that shape a KXP frame (see VKQVeskRequest for each one).
-struct VKQKXPFrameSettings {
-  std::uint16_t insertAtBeginBody = 0;  // 0: no begin marker
-  std::uint8_t version = 0;             // 0: no version byte
-  bool uploadOSType = false;
-  std::optional<std::string> packageName;  // absent: no package CRC
-  std::int32_t releaseVersion = 0;         // <= 0: no release CRC
-  bool compress = false;
-  std::uint8_t xorKey = 0;  // 0: no mask
-  bool nonProtocol = false;  // true: raw bytes, no frame at all
-
-  // The settings `request` frames its body with.
-  static VKQKXPFrameSettings fromRequest(const VKQVeskRequest& request);
-
-  friend bool operator==(const VKQKXPFrameSettings&, const VKQKXPFrameSettings&) = default;
-};
 
 // What parseRequestFrame found: the payload, or why the frame was refused.
 class [[nodiscard]] VKQKXPParsedFrame {

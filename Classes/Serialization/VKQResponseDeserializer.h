@@ -13,8 +13,9 @@ class VKQResponseDeserializer {
   virtual ~VKQResponseDeserializer() = default;
   // Decodes the answer recorded in `request` (its response and responseData) into a
   // result, never null. `error` points at the transport's error slot (which may hold
-  // nothing); it is only read. Never throws. Thread-safe: one instance serves every
-  // request of its kind.
+  // nothing, and may itself be null); it is only read. Failures are result codes, never
+  // exceptions. Thread-safe: one instance serves every request of its kind.
+  // REQUIRES: request is not null (fatal assertion otherwise).
   virtual std::shared_ptr<VKQVeskResult> deserialize(const std::shared_ptr<VKQVeskRequest>& request,
                                                      const vkq::platform::ErrorPtr* error) const = 0;
 };

@@ -1,10 +1,12 @@
-// Decodes the answer of a KXP request: checks its frame against the request's
-// settings (version, CRC-32), unmasks and decompresses the payload.
+// Decodes the answer of a KXP request: checks its frame (layout: VKQKXPFrameLayout.h)
+// against the request's settings (version, CRC-32), unmasks and decompresses the
+// payload. The raw answer is never changed.
 //   0  success, the payload bytes as data (raw answer when the request is nonProtocol)
-//  -2  the exchange failed
+//  -2  the exchange failed; this result carries no request
 //  -3  the protocol version differs from the request's
 //  -4  payload missing, short or corrupt, answer shorter than its header, or
 //      decompression gave nothing (or exceeded the decompression limit)
+// -2, -3 and a header cut short each write one debug log entry. Stateless.
 #pragma once
 
 #include <memory>
