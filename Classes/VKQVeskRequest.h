@@ -131,7 +131,9 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   void setCompletionResultBlock(ResultBlock block) { completionBlock_ = std::move(block); }
 
   // ---- Derived from the task; absent before a task exists ----
-  std::shared_ptr<const vkq::platform::HTTPResponse> response() const;
+  // The head of the answer. Overridable, like the request properties, e.g. to replay a
+  // recorded answer through a response serializer.
+  virtual std::shared_ptr<const vkq::platform::HTTPResponse> response() const;
   std::optional<vkq::platform::URLRequest> currentRequest() const;
   std::optional<vkq::platform::URLRequest> originalRequest() const;
   std::optional<vkq::platform::HTTPHeaders> responseHeaders() const;

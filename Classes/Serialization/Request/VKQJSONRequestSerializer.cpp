@@ -60,7 +60,8 @@ std::optional<URLRequest> VKQJSONRequestSerializer::requestBySerializingRequest(
     return VKQHTTPRequestSerializer::requestBySerializingRequest(request, parameters, error);
   }
   URLRequest mutableRequest = requestWithDefaultHeaders(request);
-  if (parameters.isNull()) return mutableRequest;
+  // A JSON null stands for no parameters, as in the base class.
+  if (parameters.isNull() || (parameters.isJSON() && parameters.json().is_null())) return mutableRequest;
   // Set before the parameters are checked: the caller's own type always wins.
   if (!mutableRequest.allHTTPHeaderFields.contains("Content-Type")) {
     mutableRequest.setValueForHTTPHeaderField("application/json", "Content-Type");

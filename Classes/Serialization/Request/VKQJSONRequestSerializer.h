@@ -24,10 +24,11 @@ class VKQJSONRequestSerializer : public VKQHTTPRequestSerializer {
   void setWritingOptions(std::uint64_t options) { writingOptions_ = options; }
 
   // Outside the URI methods: a copy of `request` with the default header fields it
-  // lacks, and, when `parameters` is not absent, "Content-Type" (unless set) and the
-  // JSON body. Fails (absent, error of kURLRequestSerializationErrorDomain, code -1016,
-  // failure reason "The `parameters` argument is not valid JSON.") when the parameters
-  // are not a JSON array or object; a writer failure gives the writer's error.
+  // lacks, and, when `parameters` is not absent (nor a JSON null), "Content-Type"
+  // (unless set) and the JSON body. Fails (absent, error of
+  // kURLRequestSerializationErrorDomain, code -1016, failure reason "The `parameters`
+  // argument is not valid JSON.") when the parameters are not a JSON array or object;
+  // a writer failure gives the writer's error.
   std::optional<vkq::platform::URLRequest> requestBySerializingRequest(const vkq::platform::URLRequest& request,
                                                                       const vkq::platform::Object& parameters,
                                                                       vkq::platform::ErrorPtr* error) const override;
