@@ -55,8 +55,42 @@ enum class Failure {
   SlowBody,
 };
 
+// An answer to play back, built fluently:
+//   ScriptedAnswer(200, "{}").type("application/json").header("ETag", "\"1\"")
+//   ScriptedAnswer(200, body).slow(100ms, 512)
 struct ScriptedAnswer {
-  int status = 200;
+  explicit ScriptedAnswer(int status = 200, std::string body = {}) : status(status), body(std::move(body)) {}
+
+  ScriptedAnswer& type(std::string value) {
+    contentType = std::move(value);
+    return *this;
+  }
+  ScriptedAnswer& header(std::string name, std::string value) {
+    headers.emplace_back(std::move(name), std::move(value));
+    return *this;
+  }
+  ScriptedAnswer& dropAfter(std::size_t bytes) {
+    failure = Failure::DropMidBody;
+    dropAfterBytes = bytes;
+    return *this;
+  }
+  ScriptedAnswer& stall(std::chrono::milliseconds duration) {
+    failure = Failure::StallBeforeAnswer;
+    delay = duration;
+    return *this;
+  }
+  ScriptedAnswer& neverAnswer() {
+    failure = Failure::NeverAnswer;
+    return *this;
+  }
+  ScriptedAnswer& slow(std::chrono::milliseconds pause, std::size_t piece) {
+    failure = Failure::SlowBody;
+    delay = pause;
+    pieceSize = piece;
+    return *this;
+  }
+
+  int status;
   std::string body;
   std::string contentType = "text/plain";
   std::vector<std::pair<std::string, std::string>> headers;
@@ -71,6 +105,23 @@ struct ScriptedAnswer {
 // in which case the whole file is sent with 200. A start at or past the end gets 416
 // with "Content-Range: bytes */size".
 struct FileOptions {
+  FileOptions& withETag(std::string value) {
+    etag = std::move(value);
+    return *this;
+  }
+  FileOptions& withLastModified(std::string value) {
+    lastModified = std::move(value);
+    return *this;
+  }
+  FileOptions& dropAfter(std::size_t bytes) {
+    dropAfterBytes = bytes;
+    return *this;
+  }
+  FileOptions& slow(std::chrono::milliseconds delay) {
+    pieceDelay = delay;
+    return *this;
+  }
+
   std::optional<std::string> etag;          // e.g. "\"v1\""
   std::optional<std::string> lastModified;  // an HTTP date
   // Closes the connection after this many body bytes of each answer.

@@ -1,0 +1,131 @@
+// Helpers shared by the transport tests: outcome collectors that wait with a time
+// limit, request and file makers.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "Platform/HTTPSessionManager.h"
+
+namespace vkq::testing {
+
+using namespace std::chrono_literals;
+
+// Collects callback invocations from any thread; tests wait for a count.
+template <typename T>
+class Outcomes {
+ public:
+  void add(T value) {
+    {
+      std::lock_guard lock(mutex_);
+      values_.push_back(std::move(value));
+    }
+    changed_.notify_all();
+  }
+  bool waitFor(std::size_t count, std::chrono::milliseconds timeout = 20s) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return values_.size() >= count; });
+  }
+  std::vector<T> all() const {
+    std::lock_guard lock(mutex_);
+    return values_;
+  }
+  std::size_t count() const {
+    std::lock_guard lock(mutex_);
+    return values_.size();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<T> values_;
+};
+
+struct DataOutcome {
+  std::shared_ptr<const platform::HTTPResponse> response;
+  platform::Object object;
+  platform::ErrorPtr error;
+  std::thread::id thread;
+
+  std::string body() const { return object.isData() ? platform::stringFromBytes(*object.data()) : std::string(); }
+};
+
+struct DownloadOutcome {
+  std::shared_ptr<const platform::HTTPResponse> response;
+  std::optional<platform::URL> filePath;
+  platform::ErrorPtr error;
+};
+
+inline platform::HTTPSessionManager::DataTaskCompletion collect(Outcomes<DataOutcome>& outcomes) {
+  return [&outcomes](std::shared_ptr<const platform::HTTPResponse> response, platform::Object object,
+                     platform::ErrorPtr error) {
+    outcomes.add({std::move(response), std::move(object), std::move(error), std::this_thread::get_id()});
+  };
+}
+
+inline platform::HTTPSessionManager::DownloadTaskCompletion collect(Outcomes<DownloadOutcome>& outcomes) {
+  return [&outcomes](std::shared_ptr<const platform::HTTPResponse> response, std::optional<platform::URL> filePath,
+                     platform::ErrorPtr error) { outcomes.add({std::move(response), std::move(filePath), std::move(error)}); };
+}
+
+inline platform::URLRequest makeRequest(const std::string& url, double timeout = 20.0) {
+  platform::URLRequest request;
+  request.url = platform::URL::URLWithString(url);
+  request.timeoutInterval = timeout;
+  return request;
+}
+
+// A scratch folder removed with the object.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    path_ = std::filesystem::temp_directory_path() /
+            ("vkq-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter()++));
+    std::filesystem::create_directories(path_);
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+ private:
+  static int& counter() {
+    static int value = 0;
+    return value;
+  }
+  std::filesystem::path path_;
+};
+
+// Bytes that differ with `seed` and position, so a misplaced block shows.
+inline std::string patternBytes(std::size_t size, std::uint32_t seed = 1) {
+  std::string bytes(size, '\0');
+  std::uint32_t state = seed * 2654435761u + 1;
+  for (char& byte : bytes) {
+    state = state * 1103515245u + 12345u;
+    byte = static_cast<char>(state >> 24);
+  }
+  return bytes;
+}
+
+inline void writeFile(const std::filesystem::path& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+inline std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace vkq::testing
