@@ -30,6 +30,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 const std::string kVkq = VKQ_BINARY;
+const std::string kTour = VKQ_TOUR_BINARY;
 
 std::string readFile(const fs::path& path) {
   std::ifstream stream(path, std::ios::binary);
@@ -316,6 +317,16 @@ TEST_F(VkqDownload, KilledWithoutResumeDataStartsAfreshOnTheNextRun) {
   EXPECT_EQ(second.status, 0) << second.err;
   EXPECT_TRUE(readFile(target()) == content_);
   EXPECT_THAT(server.log(), Not(HasSubstr("Range:")));
+}
+
+TEST_F(VkqDownload, TheReadmeTourRunsAgainstTheServer) {
+  ServeProcess server({"--root", (folder_ / "root").string()});
+  const auto result = run(kTour, {server.url("")}, 60s, clientOptions());
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("kxp answer: hello, kxp\n"));
+  EXPECT_THAT(result.out, HasSubstr(R"(json answer: {"city":"Oslo","days":3})"));
+  EXPECT_THAT(result.out, HasSubstr("downloaded to " + (folder_ / "tmp" / "vkq-tour-big.bin").string()));
+  EXPECT_TRUE(readFile(folder_ / "tmp" / "vkq-tour-big.bin") == content_);
 }
 
 TEST_F(VkqTool, ServeStopsCleanlyOnSIGINTAndSIGTERM) {

@@ -1,0 +1,105 @@
+// A tour of the library's API: the snippets of the README, compiled with the project.
+// Run it against the reference server, with a file big.bin under its root:
+//
+//   build/bin/vkq serve --root DIR &          # prints its URL
+//   build/bin/vkq-tour http://127.0.0.1:PORT
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "Classes/VKQVesk.h"
+#include "Classes/VKQVeskResult.h"
+#include "Platform/MainQueue.h"
+
+using vkq::platform::MainQueue;
+
+namespace {
+
+// Callbacks run on the main queue; this program drains it on its own thread until
+// the one request it waits for has answered.
+void waitFor(const bool& done) {
+  MainQueue::runUntil([&] { return done; }, std::chrono::seconds(60));
+}
+
+void kxpRequest(const std::string& base) {
+  bool done = false;
+  // --8<-- kxp
+  auto payload = std::make_shared<vkq::platform::Bytes>(vkq::platform::bytesFromString("hello, kxp"));
+  auto request = VKQVesk::initWithKXPUrl(base + "/kxp/echo", payload);
+  // Settings chain: each promise stores one value and returns the builder.
+  request->compressPromise()(true)
+      ->uploadOSTypePromise()(true)
+      ->headersPromise()(VKQHeaderDictionary{{"Content-Type", "application/octet-stream"}, {"X-Trace", "tour"}});
+  request->requestWithSuccess(
+      [&](std::shared_ptr<VKQVeskResult> result) {
+        // The unframed payload of the answer.
+        std::cout << "kxp answer: " << vkq::platform::stringFromBytes(*result->data().data()) << "\n";
+        done = true;
+      },
+      [&](std::shared_ptr<VKQVeskResult> result) {
+        std::cout << "kxp failed: " << result->description() << "\n";  // code and message
+        done = true;
+      });
+  // --8<--
+  waitFor(done);
+}
+
+void jsonRequest(const std::string& base) {
+  bool done = false;
+  // --8<-- json
+  auto request = VKQVesk::initWithJSONUrl(base + "/json/echo", vkq::platform::JSON{{"city", "Oslo"}, {"days", 3}},
+                                          VKQRequestMethodPOST);
+  request->requestCompletion([&](std::shared_ptr<VKQVeskResult> result) {
+    if (result->responseCode()->code() == 0) {
+      std::cout << "json answer: " << result->data().json().dump() << "\n";
+    } else {
+      std::cout << "json failed: " << result->description() << "\n";
+    }
+    done = true;
+  });
+  // --8<--
+  waitFor(done);
+}
+
+void download(const std::string& base) {
+  bool done = false;
+  const std::string path = (std::filesystem::temp_directory_path() / "vkq-tour-big.bin").string();
+  // --8<-- download
+  auto request = VKQVesk::initWithDownloadURL(base + "/files/big.bin", path, nullptr);
+  request->downloadtWithSuccess(
+      [&](std::shared_ptr<VKQVeskResult> result) {
+        // The data of a download is the file URL it was written to.
+        std::cout << "downloaded to " << result->data().url().filePath() << "\n";
+        done = true;
+      },
+      [](const vkq::platform::Progress& progress) {
+        // On the transport's thread, as bytes arrive.
+        std::fprintf(stderr, "\r%3.0f%%", progress.fractionCompleted() * 100);
+      },
+      [&](std::shared_ptr<VKQVeskResult> result) {
+        // Interrupted downloads of the same path resume from where they stopped.
+        std::cout << "download failed: " << result->description() << "\n";
+        done = true;
+      });
+  // --8<--
+  waitFor(done);
+  std::fprintf(stderr, "\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::cerr << "usage: vkq-tour BASE_URL   (a `vkq serve --root DIR` with DIR/big.bin)\n";
+    return 64;
+  }
+  MainQueue::useManualDraining();
+  const std::string base = argv[1];
+  kxpRequest(base);
+  jsonRequest(base);
+  download(base);
+  return 0;
+}
