@@ -29,9 +29,15 @@ libdeflate_decompressor* threadDecompressor() {
   return decompressor.get();
 }
 
-// The first output buffer: room for a typical ratio, so most payloads need one pass.
+// Output is written to an uninitialised scratch buffer and copied out at its exact size:
+// room that is never written costs neither memory traffic nor, for large buffers, pages.
+using Scratch = std::unique_ptr<std::uint8_t[]>;
+
+// The first guess of the data's size is generous (untouched room is cheap), so that most
+// payloads need one pass: libdeflate cannot resume, a pass that runs out of room is lost.
 constexpr std::size_t kMinFirstGuess = 64 * 1024;
-constexpr std::size_t kFirstGuessRatio = 4;
+constexpr std::size_t kFirstGuessRatio = 16;
+constexpr std::size_t kGrowthFactor = 4;
 
 }  // namespace
 
@@ -41,11 +47,11 @@ std::optional<Bytes> compress(std::span<const std::uint8_t> bytes) {
   if (bytes.empty()) return std::nullopt;
   libdeflate_compressor* compressor = threadCompressor();
   if (compressor == nullptr) return std::nullopt;
-  Bytes out(libdeflate_zlib_compress_bound(compressor, bytes.size()));
-  const std::size_t size = libdeflate_zlib_compress(compressor, bytes.data(), bytes.size(), out.data(), out.size());
+  const std::size_t bound = libdeflate_zlib_compress_bound(compressor, bytes.size());
+  const Scratch out = std::make_unique_for_overwrite<std::uint8_t[]>(bound);
+  const std::size_t size = libdeflate_zlib_compress(compressor, bytes.data(), bytes.size(), out.get(), bound);
   if (size == 0) return std::nullopt;
-  out.resize(size);
-  return out;
+  return Bytes(out.get(), out.get() + size);
 }
 
 std::optional<Bytes> decompress(std::span<const std::uint8_t> bytes) {
@@ -53,25 +59,22 @@ std::optional<Bytes> decompress(std::span<const std::uint8_t> bytes) {
   libdeflate_decompressor* decompressor = threadDecompressor();
   if (decompressor == nullptr) return std::nullopt;
   // The zlib format does not record the data's length: guess, and on running out of
-  // room start over with twice the room, up to the limit.
-  std::size_t room = std::min(kMaxDecompressedSize / kFirstGuessRatio, bytes.size()) * kFirstGuessRatio;
-  room = std::clamp(room, kMinFirstGuess, kMaxDecompressedSize);
-  Bytes out;
+  // room start over with more, up to the limit.
+  const std::size_t guess = std::min(kMaxDecompressedSize / kFirstGuessRatio, bytes.size()) * kFirstGuessRatio;
+  std::size_t room = std::clamp(guess, kMinFirstGuess, kMaxDecompressedSize);
   for (;;) {
-    out.assign(room, 0);  // no copy of the failed attempt's bytes
+    const Scratch out = std::make_unique_for_overwrite<std::uint8_t[]>(room);
     std::size_t consumed = 0;
     std::size_t produced = 0;
     const libdeflate_result result = libdeflate_zlib_decompress_ex(decompressor, bytes.data(), bytes.size(),
-                                                                   out.data(), out.size(), &consumed, &produced);
+                                                                   out.get(), room, &consumed, &produced);
     if (result == LIBDEFLATE_SUCCESS) {
       if (consumed != bytes.size()) return std::nullopt;
-      out.resize(produced);
-      // Give back a first guess that was far too generous.
-      if (out.capacity() > 2 * produced) out.shrink_to_fit();
-      return out;
+      return Bytes(out.get(), out.get() + produced);
     }
     if (result != LIBDEFLATE_INSUFFICIENT_SPACE || room == kMaxDecompressedSize) return std::nullopt;
-    room = std::min(room * 2, kMaxDecompressedSize);
+    room = std::min(room, kMaxDecompressedSize / kGrowthFactor) * kGrowthFactor;
+    room = std::min(room, kMaxDecompressedSize);
   }
 }
 
