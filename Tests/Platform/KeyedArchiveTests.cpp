@@ -54,7 +54,6 @@ TEST(KeyedArchive, MissingKeysAndWrongKindsAreAbsent) {
 TEST(KeyedArchive, ReadsXMLPropertyLists) {
   const std::string xml =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-      "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
       "<plist version=\"1.0\"><dict><key>n</key><integer>7</integer><key>s</key><string>v</string></dict></plist>\n";
   const auto unarchiver = KeyedUnarchiver::unarchiverWithData(bytesFromString(xml));
   ASSERT_TRUE(unarchiver);
