@@ -324,7 +324,10 @@ std::string queryStringFromParameters(const JSON& parameters) {
   for (const auto& pair : fieldPairs(parameters)) {
     if (!query.empty()) query += '&';
     query += percentEscapedQueryString(pair.field);
-    if (pair.value) query += "=" + percentEscapedQueryString(*pair.value);
+    if (pair.value) {
+      query += '=';
+      query += percentEscapedQueryString(*pair.value);
+    }
   }
   return query;
 }
