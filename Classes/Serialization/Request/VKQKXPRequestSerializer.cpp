@@ -39,6 +39,7 @@ std::optional<Bytes> VKQKXPRequestSerializer::createDataWithParameters(const Obj
   if (settings.xorKey != 0) Encrypt::xorWithKey(payload, settings.xorKey);
 
   auto header = NRDByteArray::initWithBigEndian(VKQKXPFrame::kBigEndian);
+  header->data()->reserve(VKQKXPFrame::requestHeaderSize(settings));
   VKQKXPFrame::appendRequestHeader(*header, settings, payload);
   const Bytes& headerBytes = *header->data();
   Bytes frame;

@@ -1,0 +1,136 @@
+// KXP framing (VKQKXPRequestSerializer::createDataWithParameters) and parsing
+// (VKQKXPResponseSerializer::deserialize) against the codec pieces alone on the same
+// data: CRC-32, the XOR mask and, when on, compression or decompression. The difference
+// is what the framing itself costs (header, copies, allocations).
+//
+// Arguments: payload size, compression (0 off, 1 on). Every case masks with a key.
+// Payloads are JSON-like records: compressible, but not trivially.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <random>
+
+#include "Classes/Codec/Deflate.h"
+#include "Classes/Codec/Encrypt.h"
+#include "Classes/Codec/NRDByteArray.h"
+#include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
+#include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
+#include "Classes/Serialization/VKQKXPFrameLayout.h"
+#include "Classes/VKQVesk.h"
+#include "Classes/VKQVeskResult.h"
+
+namespace {
+
+using vkq::platform::Bytes;
+using vkq::platform::Object;
+
+constexpr std::uint8_t kKey = 0x5A;
+
+Bytes records(std::size_t size) {
+  static const char* const kNames[] = {"alpha", "bravo", "charlie", "delta", "echo", "foxtrot"};
+  std::mt19937 generator(42);
+  std::uniform_int_distribution<int> id(1, 9999999), pick(0, 5), score(0, 99999);
+  Bytes bytes;
+  bytes.reserve(size + 256);
+  char line[256];
+  while (bytes.size() < size) {
+    const int length = std::snprintf(line, sizeof line, "{\"id\":%d,\"user\":\"%s%04x\",\"score\":0.%05d,\"ok\":%s}\n",
+                                     id(generator), kNames[pick(generator)],
+                                     static_cast<unsigned>(generator() & 0xFFFF), score(generator),
+                                     (generator() & 1) ? "true" : "false");
+    bytes.insert(bytes.end(), line, line + length);
+  }
+  bytes.resize(size);
+  return bytes;
+}
+
+const Bytes& payload(std::int64_t size) {
+  static std::map<std::int64_t, Bytes> cache;
+  auto found = cache.find(size);
+  if (found == cache.end()) found = cache.emplace(size, records(static_cast<std::size_t>(size))).first;
+  return found->second;
+}
+
+// A request with the defaults (begin marker, OS type), the key, and compression as asked.
+std::shared_ptr<VKQVesk> requestFor(const benchmark::State& state) {
+  auto vesk = VKQVesk::initWithKXPUrl("http://localhost/kxp", nullptr);
+  vesk->xorkeyPromise()(kKey)->compressPromise()(state.range(1) != 0);
+  return vesk;
+}
+
+void finish(benchmark::State& state) {
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * state.range(0));
+}
+
+void BM_Frame(benchmark::State& state) {
+  const auto serializer = VKQKXPRequestSerializer::serializerWithRequest(requestFor(state));
+  // Without compression the mask works on the argument in place: each pass toggles it.
+  const Object argument(payload(state.range(0)));
+  for (auto _ : state) benchmark::DoNotOptimize(serializer->createDataWithParameters(argument));
+  finish(state);
+}
+
+void BM_FramePieces(benchmark::State& state) {
+  Bytes data = payload(state.range(0));
+  const bool compress = state.range(1) != 0;
+  for (auto _ : state) {
+    std::optional<Bytes> packed;
+    if (compress) packed = Deflate::compress(data);
+    Bytes& wire = compress ? *packed : data;
+    benchmark::DoNotOptimize(Encrypt::xorWithKey(wire, kKey));
+    benchmark::DoNotOptimize(Encrypt::crc32(wire));
+  }
+  finish(state);
+}
+
+void BM_Parse(benchmark::State& state) {
+  const auto request = requestFor(state);
+  const auto settings = VKQKXPFrameSettings::fromRequest(*request);
+  const auto serializer = VKQKXPResponseSerializer::serializer();
+  Bytes wire = payload(state.range(0));
+  if (settings.compress) wire = *Deflate::compress(wire);
+  Encrypt::xorWithKey(wire, kKey);
+  auto frame = NRDByteArray::initWithBigEndian(VKQKXPFrame::kBigEndian);
+  VKQKXPFrame::appendResponseHeader(*frame, settings, wire);
+  frame->appendData(wire, false);
+  request->setResponseData(Object(std::move(*frame->data())));
+  const vkq::platform::ErrorPtr noError;
+  for (auto _ : state) {
+    const auto result = serializer->deserialize(request, &noError);
+    if (result->responseCode()->code() != 0) state.SkipWithError("decoding failed");
+    benchmark::DoNotOptimize(result);
+  }
+  finish(state);
+}
+
+void BM_ParsePieces(benchmark::State& state) {
+  const bool compress = state.range(1) != 0;
+  const Bytes original = payload(state.range(0));
+  const Bytes packed = compress ? *Deflate::compress(original) : original;
+  Bytes scratch = packed;  // masked in place: each pass toggles it, at the same cost
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(Encrypt::crc32(packed));
+    benchmark::DoNotOptimize(Encrypt::xorWithKey(scratch, kKey));
+    if (compress) benchmark::DoNotOptimize(Deflate::decompress(packed));
+  }
+  finish(state);
+}
+
+void sizesAndCompression(benchmark::internal::Benchmark* benchmark) {
+  benchmark->ArgNames({"bytes", "compress"});
+  for (std::int64_t compress : {0, 1}) {
+    for (std::int64_t size : {std::int64_t{1} << 10, std::int64_t{64} << 10, std::int64_t{4} << 20}) {
+      benchmark->Args({size, compress});
+    }
+  }
+}
+
+BENCHMARK(BM_Frame)->Apply(sizesAndCompression);
+BENCHMARK(BM_FramePieces)->Apply(sizesAndCompression);
+BENCHMARK(BM_Parse)->Apply(sizesAndCompression);
+BENCHMARK(BM_ParsePieces)->Apply(sizesAndCompression);
+
+}  // namespace
+
+BENCHMARK_MAIN();
