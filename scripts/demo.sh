@@ -78,7 +78,7 @@ status=0
 "$vkq" kxp "$keyed/kxp/echo" --data "x" --xor-key 0x5A --version 4 --package-name com.vkq.demo \
   >/dev/null 2>"$work/mismatch.err" || status=$?
 [ "$status" -eq 2 ] || fail "a version mismatch gave exit status $status"
-ok "kxp, version 4 against 3" "refused, exit status 2 ($(tail -n 1 "$work/mismatch.err" | sed 's/^vkq: //'))"
+ok "kxp, version 4 against 3" "exit status 2, $(sed -n 's/^vkq: the server said: //p' "$work/mismatch.err")"
 
 answer=$("$vkq" json "$plain/json/echo" --arg '{"city":"Oslo","days":3}' | tr -d ' \n') || fail "json GET"
 [ "$answer" = '{"city":"Oslo","days":"3"}' ] || fail "json GET echoed $answer"

@@ -163,6 +163,7 @@ TEST_F(VkqTool, KXPFrameTheServerRefusesIsAnHttpError) {
   EXPECT_EQ(result.status, 2);
   EXPECT_THAT(result.err, HasSubstr("http error (code -2)"));
   EXPECT_THAT(result.err, HasSubstr("400"));
+  EXPECT_THAT(result.err, HasSubstr("the server said: kxp frame refused: protocol version 0x03, expected 0x02"));
 }
 
 // An in-process server that answers every KXP request with `body`.

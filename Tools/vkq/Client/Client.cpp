@@ -1,5 +1,6 @@
 #include "Tools/vkq/Client/Client.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -87,6 +88,18 @@ void awaitResumeData(const VKQVeskRequest& request, const std::optional<vkq::pla
   }
 }
 
+// The first line of a text answer that failed validation (an error status), which is
+// where a server says why; absent for other answers.
+std::optional<std::string> serverExplanation(const vkq::platform::Error& error) {
+  const auto& info = error.userInfo();
+  if (!info.response || !info.responseData || info.responseData->empty()) return std::nullopt;
+  const auto type = info.response->MIMEType();
+  if (!type || !type->starts_with("text/")) return std::nullopt;
+  std::string text = vkq::platform::stringFromBytes(*info.responseData);
+  text = text.substr(0, std::min(text.find('\n'), std::size_t{200}));
+  return text.empty() ? std::nullopt : std::optional(text);
+}
+
 // Prints why a request failed; the exit status for its outcome.
 int conclude(const ExchangeOutcome& result, const VKQVeskRequest& request) {
   if (!result) {
@@ -96,7 +109,10 @@ int conclude(const ExchangeOutcome& result, const VKQVeskRequest& request) {
   const std::int64_t code = result->responseCode()->code();
   if (code != 0) {
     std::cerr << "vkq: " << result->responseCode()->msg().value_or("unknown error") << " (code " << code << ")\n";
-    if (auto error = request.error()) std::cerr << "vkq: " << error->localizedDescription() << "\n";
+    if (auto error = request.error()) {
+      std::cerr << "vkq: " << error->localizedDescription() << "\n";
+      if (auto explanation = serverExplanation(*error)) std::cerr << "vkq: the server said: " << *explanation << "\n";
+    }
   }
   return exitStatusForResultCode(code);
 }
