@@ -17,6 +17,11 @@ bool StopSignal::triggered() const {
   return triggered_;
 }
 
+void StopSignal::wait() const {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return triggered_; });
+}
+
 bool StopSignal::sleepUntil(std::chrono::steady_clock::time_point deadline) const {
   std::unique_lock lock(mutex_);
   return !changed_.wait_until(lock, deadline, [this] { return triggered_; });

@@ -16,6 +16,8 @@ class StopSignal {
  public:
   void trigger();
   bool triggered() const;
+  // Waits until the signal fires.
+  void wait() const;
   // Waits until `deadline`; false when the signal fired first (or had fired).
   bool sleepUntil(std::chrono::steady_clock::time_point deadline) const;
 

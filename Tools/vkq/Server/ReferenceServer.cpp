@@ -2,9 +2,12 @@
 
 #include <httplib.h>
 
+#include <atomic>
+#include <chrono>
 #include <fstream>
 #include <span>
 #include <string>
+#include <thread>
 #include <variant>
 
 #include "Platform/Object.h"
@@ -66,7 +69,7 @@ ReferenceServer::ReferenceServer(Options options)
   });
 }
 
-ReferenceServer::~ReferenceServer() { stop(); }
+ReferenceServer::~ReferenceServer() = default;
 
 std::optional<int> ReferenceServer::bind(std::uint16_t port) {
   if (port == 0) {
@@ -76,12 +79,21 @@ std::optional<int> ReferenceServer::bind(std::uint16_t port) {
   return server_->bind_to_port("127.0.0.1", port) ? std::optional<int>(port) : std::nullopt;
 }
 
-void ReferenceServer::run() { server_->listen_after_bind(); }
-
-void ReferenceServer::stop() {
-  stop_->trigger();
+void ReferenceServer::run() {
+  std::atomic<bool> listening = true;
+  std::thread listener([this, &listening] {
+    server_->listen_after_bind();
+    listening = false;
+  });
+  stop_->wait();
+  // cpp-httplib's stop() does nothing before its loop runs, and stop() may come just
+  // after bind(): wait for the loop (or its failure) before stopping it.
+  while (listening && !server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   server_->stop();
+  listener.join();
 }
+
+void ReferenceServer::stop() { stop_->trigger(); }
 
 void ReferenceServer::echoKXP(const httplib::Request& request, httplib::Response& response) const {
   const VKQKXPParsedFrame parsed = VKQKXPServerCodec::parseRequestFrame(bytesOf(request.body), options_.frame);

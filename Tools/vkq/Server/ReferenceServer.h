@@ -12,8 +12,9 @@
 //
 // Every answer is logged as one line on the log stream, with the Range asked for.
 //
-// Threads: bind() and run() on one thread; run() serves on a pool of its own until
-// stop(), which may be called from any thread (a signal watcher's, say).
+// Threads: bind() and run() on one thread; run() serves on threads of its own until
+// stop(), which may be called from any thread (a signal watcher's, say), at any time
+// after construction.
 #pragma once
 
 #include <cstdint>
@@ -49,7 +50,8 @@ class ReferenceServer {
 
   // Binds 127.0.0.1:`port` (0: a free port). The port bound, or absent on failure.
   std::optional<int> bind(std::uint16_t port);
-  // Serves until stop(). REQUIRES: bind() succeeded.
+  // Serves until stop() (returns at once if it came already). REQUIRES: bind()
+  // succeeded.
   void run();
   // Makes run() return and cuts file answers short. Idempotent; any thread.
   void stop();
