@@ -48,7 +48,7 @@ struct VKQKXPFrameSettings {
   std::uint16_t insertAtBeginBody = 0;
   std::uint8_t version = 0;
   bool uploadOSType = false;
-  std::optional<std::string> packageName;
+  std::optional<std::string> packageName = std::nullopt;
   std::int32_t releaseVersion = 0;
 
   static VKQKXPFrameSettings fromRequest(const VKQVeskRequest& request);

@@ -42,8 +42,6 @@ inline std::shared_ptr<SettingsRequest> requestWith(VKQKXPFrameSettings settings
   return std::make_shared<SettingsRequest>(std::move(settings));
 }
 
-// Every field and transform off.
-inline VKQKXPFrameSettings allOff() { return VKQKXPFrameSettings{}; }
 
 inline void put16(Bytes& out, std::uint16_t value) {
   out.push_back(static_cast<std::uint8_t>(value >> 8));

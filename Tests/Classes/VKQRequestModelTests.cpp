@@ -39,35 +39,28 @@ TEST(VKQResponseCode, DescriptionShowsCodeAndMessageOrNull) {
   EXPECT_EQ(VKQResponseCode::responseCode(7)->description(), "code = 7, msg = (null)");
 }
 
-TEST(VKQVeskResult, FailureFactoriesCarryTheCodeAndNoData) {
+TEST(VKQVeskResult, FactoriesFillCodeDataAndRequest) {
+  auto request = std::make_shared<VKQVeskRequest>();
   const auto bare = VKQVeskResult::resultWithErrorCode(-1);
   EXPECT_EQ(bare->responseCode()->code(), -1);
   EXPECT_TRUE(bare->data().isNull());
   EXPECT_EQ(bare->request(), nullptr);
 
-  auto request = std::make_shared<VKQVeskRequest>();
-  const auto withRequest = VKQVeskResult::resultWithErrorCode(-4, request);
-  EXPECT_EQ(withRequest->responseCode()->code(), -4);
-  EXPECT_TRUE(withRequest->data().isNull());
-  EXPECT_EQ(withRequest->request(), request);
-}
+  const auto failure = VKQVeskResult::resultWithErrorCode(-4, request);
+  EXPECT_EQ(failure->responseCode()->code(), -4);
+  EXPECT_TRUE(failure->data().isNull());
+  EXPECT_EQ(failure->request(), request);
 
-TEST(VKQVeskResult, SuccessIsCodeZeroAlsoWithoutData) {
-  auto request = std::make_shared<VKQVeskRequest>();
+  // A success without data is still a success: the success callback gets no payload.
   const auto empty = VKQVeskResult::resultWithSuccessData(nullptr, request);
   EXPECT_EQ(empty->responseCode()->code(), 0);
   EXPECT_TRUE(empty->data().isNull());
   EXPECT_EQ(empty->request(), request);
 
-  const auto withData = VKQVeskResult::resultWithSuccessData(JSON{{"a", 1}}, nullptr);
-  EXPECT_EQ(withData->data(), Object(JSON{{"a", 1}}));
-}
-
-TEST(VKQVeskResult, InitWithKeepsTheGivenCodeObject) {
   const auto code = VKQResponseCode::responseCode(-2);
-  const auto result = VKQVeskResult::initWith(code, Bytes{1, 2}, nullptr);
-  EXPECT_EQ(result->responseCode(), code);
-  EXPECT_EQ(result->data(), Object(Bytes{1, 2}));
+  const auto made = VKQVeskResult::initWith(code, Bytes{1, 2}, nullptr);
+  EXPECT_EQ(made->responseCode(), code);
+  EXPECT_EQ(made->data(), Object(Bytes{1, 2}));
 }
 
 TEST(VKQVeskResult, DescriptionReadsAsAnErrorAlsoForSuccess) {
