@@ -14,24 +14,12 @@ EasyHandle::EasyHandle() {
   ensureCurlInitialized();
   handle_ = curl_easy_init();
   if (handle_ == nullptr) throw std::bad_alloc();
-  installErrorBuffer();
+  curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorBuffer_);
 }
 
 EasyHandle::~EasyHandle() {
   curl_easy_cleanup(handle_);
   curl_slist_free_all(headers_);
-}
-
-void EasyHandle::reset() {
-  curl_easy_reset(handle_);
-  curl_slist_free_all(headers_);
-  headers_ = nullptr;
-  installErrorBuffer();
-}
-
-void EasyHandle::installErrorBuffer() {
-  errorBuffer_[0] = '\0';
-  curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorBuffer_);
 }
 
 void EasyHandle::addHeader(std::string_view name, std::string_view value) {

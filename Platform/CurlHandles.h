@@ -25,9 +25,6 @@ class EasyHandle {
 
   CURL* get() const { return handle_; }
 
-  // Back to a fresh handle: options, header list and error text cleared. Connection
-  // and DNS caches are kept.
-  void reset();
   // Appends "Name: value" to the header list sent with the request.
   void addHeader(std::string_view name, std::string_view value);
   // Keeps libcurl from sending a field it would add by itself (e.g. "Expect").
@@ -38,7 +35,6 @@ class EasyHandle {
   std::string errorText() const { return errorBuffer_; }
 
  private:
-  void installErrorBuffer();
   void append(const std::string& line);
 
   CURL* handle_;

@@ -133,11 +133,7 @@ bool SessionTransfer::start(CURLSH* share) noexcept {
     response_.reset();
     abortError_.reset();
     expectedLength_ = -1;
-    if (easy_) {
-      easy_->reset();
-    } else {
-      easy_ = std::make_unique<EasyHandle>();
-    }
+    easy_ = std::make_unique<EasyHandle>();
     configure(*sent_, share);
     return true;
   } catch (const std::exception& failure) {
@@ -309,30 +305,27 @@ void SessionTransfer::reportUpload(std::int64_t sent, std::int64_t total, bool l
 bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexcept {
   try {
     ErrorPtr error;
+    bool cancelled = false;
     switch (reason) {
       case TransferWorker::EndReason::Cancelled:
-        conclude(makeTransportError(kURLErrorCancelled, "cancelled", failingURL()), true);
-        return false;
+        error = makeTransportError(kURLErrorCancelled, "cancelled", failingURL());
+        cancelled = true;
+        break;
       case TransferWorker::EndReason::TimedOut:
-        conclude(makeTransportError(kURLErrorTimedOut, "The request timed out.", failingURL()), false);
-        return false;
+        error = makeTransportError(kURLErrorTimedOut, "The request timed out.", failingURL());
+        break;
       case TransferWorker::EndReason::Done:
+        error = outcomeOfExchange(code);
         break;
     }
-    if (!response_) {
-      long status = 0;
-      curl_easy_getinfo(easy_->get(), CURLINFO_RESPONSE_CODE, &status);
-      // An answer without a body (HEAD, 204) has not met the write callback.
-      if (status > 0) {
-        ErrorPtr refused = takeResponse();
-        if (code == CURLE_OK) error = refused;
-      }
-    }
-    if (code != CURLE_OK) error = abortError_ ? abortError_ : makeCurlError(code, easy_->errorText(), failingURL());
-    if (sink_->shouldRestart()) return true;
+    // The handle goes now: it must not outlive the worker's share handle, and a
+    // restart gets a fresh one.
+    easy_.reset();
+    if (reason == TransferWorker::EndReason::Done && sink_->shouldRestart()) return true;
     if (!error && hasUploadProgress_ && uploaded_ > 0) reportUpload(uploaded_, uploadTotal_, true);
-    conclude(error, false);
+    conclude(std::move(error), cancelled);
   } catch (const std::exception& failure) {
+    easy_.reset();
     try {
       conclude(makeTransportError(kURLErrorUnknown, failure.what(), failingURL()), false);
     } catch (...) {
@@ -340,6 +333,23 @@ bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexc
     }
   }
   return false;
+}
+
+ErrorPtr SessionTransfer::outcomeOfExchange(CURLcode code) {
+  ErrorPtr error;
+  if (!response_ && easy_) {
+    long status = 0;
+    curl_easy_getinfo(easy_->get(), CURLINFO_RESPONSE_CODE, &status);
+    // An answer without a body (HEAD, 204) has not met the write callback.
+    if (status > 0) {
+      ErrorPtr refused = takeResponse();
+      if (code == CURLE_OK) error = refused;
+    }
+  }
+  if (code != CURLE_OK) {
+    error = abortError_ ? abortError_ : makeCurlError(code, easy_ ? easy_->errorText() : "", failingURL());
+  }
+  return error;
 }
 
 void SessionTransfer::conclude(ErrorPtr error, bool cancelled) {

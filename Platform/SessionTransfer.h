@@ -114,6 +114,8 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   std::size_t receiveHeader(std::string_view line);
   std::size_t receiveBody(const char* data, std::size_t length);
   ErrorPtr takeResponse();
+  // The error of an exchange libcurl finished with `code`; absent on success.
+  ErrorPtr outcomeOfExchange(CURLcode code);
   void reportDownload(bool last);
   void reportUpload(std::int64_t sent, std::int64_t total, bool last);
   // The exchange is over: lets the sink finish and queues the completion.

@@ -202,7 +202,12 @@ TEST_F(DataTaskTest, CancellingASuspendedTaskCompletesItWithoutSendingAnything) 
   EXPECT_EQ(server.requestCount(), 0u);
 }
 
-TEST_F(DataTaskTest, ManyConcurrentTasksEachGetTheirOwnAnswerExactlyOnce) {
+TEST(SessionManagerConcurrency, ManyConcurrentTasksEachGetTheirOwnAnswerExactlyOnce) {
+  // Each of the many connections holds a handler thread until its keep-alive expires.
+  TestServer::Options options;
+  options.threads = 128;
+  TestServer server(options);
+  auto manager = HTTPSessionManager::manager();
   server.handle("/echo", [](const httplib::Request& request, httplib::Response& response) {
     response.set_content(request.get_param_value("n"), "text/plain");
   });

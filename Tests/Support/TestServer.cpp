@@ -5,8 +5,20 @@
 #include <ctime>
 #include <stdexcept>
 
+#include <sys/socket.h>
+
 namespace vkq::testing {
 namespace {
+
+// cpp-httplib listens with a backlog of 5, so a burst of connections loses SYNs and
+// waits for TCP's retransmissions (1 s, 3 s, 7 s...). This gives access to the
+// listening socket to widen it.
+template <typename Base>
+class WideBacklogServer : public Base {
+ public:
+  using Base::Base;
+  void widenBacklog() { ::listen(this->svr_sock_, SOMAXCONN); }
+};
 
 constexpr std::size_t kFilePieceSize = 64 * 1024;
 
@@ -52,10 +64,15 @@ TestServer::TestServer() : TestServer(Options{}) {}
 
 TestServer::TestServer(Options options) {
   if (options.certificateFile && options.privateKeyFile) {
-    server_ = std::make_unique<httplib::SSLServer>(options.certificateFile->c_str(), options.privateKeyFile->c_str());
+    auto server = std::make_unique<WideBacklogServer<httplib::SSLServer>>(options.certificateFile->c_str(),
+                                                                          options.privateKeyFile->c_str());
+    widenBacklog_ = [raw = server.get()] { raw->widenBacklog(); };
+    server_ = std::move(server);
     tls_ = true;
   } else {
-    server_ = std::make_unique<httplib::Server>();
+    auto server = std::make_unique<WideBacklogServer<httplib::Server>>();
+    widenBacklog_ = [raw = server.get()] { raw->widenBacklog(); };
+    server_ = std::move(server);
   }
   if (!server_->is_valid()) throw std::runtime_error("test server: cannot set up (TLS files?)");
 
@@ -80,6 +97,7 @@ TestServer::TestServer(Options options) {
 
   port_ = server_->bind_to_any_port("127.0.0.1");
   if (port_ <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
+  widenBacklog_();
   thread_ = std::thread([this] { server_->listen_after_bind(); });
 }
 

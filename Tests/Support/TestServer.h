@@ -175,6 +175,7 @@ class TestServer {
   bool pause(std::chrono::milliseconds duration);
 
   std::unique_ptr<httplib::Server> server_;
+  std::function<void()> widenBacklog_;
   int port_ = 0;
   bool tls_ = false;
   std::thread thread_;
