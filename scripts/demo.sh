@@ -92,6 +92,10 @@ ok "json POST" "$answer"
 target="$work/big.bin"
 "$vkq" download "$plain/files/big.bin" "$target" 2>"$work/download1.err" &
 client=$!
+for _ in $(seq 100); do
+  grep -q 'sending bytes 0-' "$work/plain.log" && break
+  sleep 0.1
+done
 sleep 1.5
 kill -INT "$client"
 status=0

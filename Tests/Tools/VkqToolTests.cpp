@@ -270,8 +270,12 @@ class VkqDownload : public VkqTool {
   }
   fs::path target() const { return folder_ / "big.bin"; }
 
-  // Lets the download run for a while: about a third of the file at the server's rate.
-  static void partWay() { std::this_thread::sleep_for(1s); }
+  // Lets the download run for a while once the server has begun to send: about a
+  // sixth of the file at the server's rate.
+  static void partWay(ServeProcess& server) {
+    ASSERT_TRUE(server.process().waitForErrorText("sending bytes 0-", 20s)) << server.log();
+    std::this_thread::sleep_for(500ms);
+  }
 
   std::string content_;
 };
@@ -288,7 +292,7 @@ TEST_F(VkqDownload, InterruptedBySIGINTResumesOnTheNextRun) {
   ServeProcess server({"--root", (folder_ / "root").string(), "--rate-limit", kRate});
   {
     ChildProcess first = startDownload(server);
-    partWay();
+    partWay(server);
     first.signal(SIGINT);
     EXPECT_EQ(first.wait(20s), 130);
     EXPECT_THAT(first.standardError(), HasSubstr("interrupted"));
@@ -310,7 +314,7 @@ TEST_F(VkqDownload, KilledWithoutResumeDataStartsAfreshOnTheNextRun) {
   ServeProcess server({"--root", (folder_ / "root").string(), "--rate-limit", kRate});
   {
     ChildProcess first = startDownload(server);
-    partWay();
+    partWay(server);
     first.signal(SIGKILL);
     EXPECT_EQ(first.wait(20s), 128 + SIGKILL);
   }

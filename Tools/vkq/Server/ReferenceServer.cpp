@@ -171,6 +171,8 @@ void ReferenceServer::sendFile(const httplib::Request& request, httplib::Respons
       break;
   }
   if (range.length == 0) return;  // an empty file
+  logLine(request.method + " " + request.path + ": sending bytes " + std::to_string(range.first) + "-" +
+          std::to_string(range.first + range.length - 1) + " of " + std::to_string(validators->size));
 
   file->seekg(static_cast<std::streamoff>(range.first));
   auto pacer = std::make_shared<Pacer>(options_.rateLimit);
@@ -186,11 +188,15 @@ void ReferenceServer::sendFile(const httplib::Request& request, httplib::Respons
 }
 
 void ReferenceServer::logExchange(const httplib::Request& request, const httplib::Response& response) const {
-  if (options_.log == nullptr) return;
   const auto range = header(request, "Range");
+  logLine(request.method + " " + request.path + " -> " + std::to_string(response.status) +
+          (range ? "  Range: " + *range : std::string()));
+}
+
+void ReferenceServer::logLine(const std::string& line) const {
+  if (options_.log == nullptr) return;
   // One call per line, so that lines of concurrent answers do not interleave.
-  std::fprintf(options_.log, "%s %s -> %d%s%s\n", request.method.c_str(), request.path.c_str(), response.status,
-               range ? "  Range: " : "", range ? range->c_str() : "");
+  std::fprintf(options_.log, "%s\n", line.c_str());
   std::fflush(options_.log);
 }
 

@@ -10,7 +10,8 @@
 //                       ETag and Last-Modified; one Range is honoured unless If-Range
 //                       names an older version. Paths leaving the folder get 403.
 //
-// Every answer is logged as one line on the log stream, with the Range asked for.
+// Every answer is logged as one line on the log stream once sent, with the Range asked
+// for; a file answer also logs the bytes it is about to send.
 //
 // Threads: bind() and run() on one thread; run() serves on threads of its own until
 // stop(), which may be called from any thread (a signal watcher's, say), at any time
@@ -22,6 +23,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Tools/vkq/Server/Pacer.h"
@@ -61,6 +63,7 @@ class ReferenceServer {
   void echoJSON(const httplib::Request& request, httplib::Response& response) const;
   void sendFile(const httplib::Request& request, httplib::Response& response) const;
   void logExchange(const httplib::Request& request, const httplib::Response& response) const;
+  void logLine(const std::string& line) const;
 
   Options options_;
   std::unique_ptr<httplib::Server> server_;
