@@ -9,6 +9,11 @@ using vkq::platform::Bytes;
 namespace Encrypt {
 
 Bytes xorWithKey(std::span<std::uint8_t> receiver, std::uint64_t key) {
+  xorInPlace(receiver, key);
+  return Bytes(receiver.begin(), receiver.end());
+}
+
+void xorInPlace(std::span<std::uint8_t> receiver, std::uint64_t key) {
   const auto keyByte = static_cast<std::uint8_t>(key);
   // Eight copies of the key in one word. The bulk goes a block of words at a time, which
   // the compiler turns into vector loads, XORs and stores; the tail goes byte by byte.
@@ -27,7 +32,6 @@ Bytes xorWithKey(std::span<std::uint8_t> receiver, std::uint64_t key) {
     }
   }
   for (; at < size; ++at) bytes[at] ^= keyByte;
-  return Bytes(receiver.begin(), receiver.end());
 }
 
 std::uint64_t crc32(std::span<const std::uint8_t> bytes) {

@@ -17,6 +17,9 @@ namespace Encrypt {
 // hold the same bytes. The mask is its own inverse. Key 0 changes nothing.
 vkq::platform::Bytes xorWithKey(std::span<std::uint8_t> receiver, std::uint64_t key);
 
+// The mask of xorWithKey without the copy: masks `bytes` in place.
+void xorInPlace(std::span<std::uint8_t> bytes, std::uint64_t key);
+
 // The CRC-32 of ISO-HDLC / IEEE 802.3 (as in zlib and PNG: reflected, polynomial
 // 0x04C11DB7, initial register and final XOR 0xFFFFFFFF) in the low 32 bits; the upper
 // 32 bits are 0. "123456789" gives 0xCBF43926, no bytes give 0.

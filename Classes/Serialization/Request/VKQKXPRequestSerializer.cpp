@@ -36,7 +36,7 @@ std::optional<Bytes> VKQKXPRequestSerializer::createDataWithParameters(const Obj
     payload = *compressed;
   }
   // Masks in place: the compressed copy, or the caller's own bytes.
-  if (settings.xorKey != 0) Encrypt::xorWithKey(payload, settings.xorKey);
+  if (settings.xorKey != 0) Encrypt::xorInPlace(payload, settings.xorKey);
 
   auto header = NRDByteArray::initWithBigEndian(VKQKXPFrame::kBigEndian);
   header->data()->reserve(VKQKXPFrame::requestHeaderSize(settings));

@@ -37,7 +37,7 @@ std::optional<Bytes> unpack(std::span<const std::uint8_t> payload, const VKQKXPF
   }
   // The answer itself stays as received: the mask works on a copy.
   Bytes unmasked(payload.begin(), payload.end());
-  Encrypt::xorWithKey(unmasked, settings.xorKey);
+  Encrypt::xorInPlace(unmasked, settings.xorKey);
   if (settings.compress) return Deflate::decompress(unmasked);
   return unmasked;
 }
