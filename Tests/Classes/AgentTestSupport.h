@@ -1,0 +1,196 @@
+// Shared pieces of the network agent's tests: a request whose properties are plain
+// fields, a recorder of the callbacks a request receives, a debug-log capture and a
+// fixture that drains the main queue on the test's thread.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Classes/VKQNetworkAgent.h"
+#include "Classes/VKQVeskRequest.h"
+#include "Classes/VKQVeskResult.h"
+#include "Platform/Log.h"
+#include "Platform/MainQueue.h"
+#include "Platform/NetworkReachabilityManager.h"
+#include "Tests/Support/TestServer.h"
+
+namespace vkq::testing {
+
+// A request whose every property is a field (the base class's defaults to start with).
+class FieldRequest : public VKQVeskRequest {
+ public:
+  std::string urlValue;
+  std::string hostValue;
+  std::string pathValue;
+  VKQRequestMethod method = VKQRequestMethodPOST;
+  VKQRequestSerializerType requestType = VKQRequestSerializerTypeKXP;
+  VKQResponseSerializerType responseType = VKQResponseSerializerTypeKXP;
+  vkq::platform::Object argument;
+  std::optional<VKQHeaderDictionary> headers;
+  std::optional<std::vector<std::string>> authorization;
+  double timeout = 60.0;
+  bool cellular = true;
+
+  std::string url() const override { return urlValue; }
+  std::string host() const override { return hostValue; }
+  std::string path() const override { return pathValue; }
+  VKQRequestMethod requestMethod() const override { return method; }
+  VKQRequestSerializerType requestSerializerType() const override { return requestType; }
+  VKQResponseSerializerType responseSerializerType() const override { return responseType; }
+  vkq::platform::Object requestArgument() const override { return argument; }
+  std::optional<VKQHeaderDictionary> requestHeaderFieldValueDictionary() const override { return headers; }
+  std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const override {
+    return authorization;
+  }
+  double requestTimeoutInterval() const override { return timeout; }
+  bool allowsCellularAccess() const override { return cellular; }
+};
+
+// What one request's callbacks saw. Callbacks run on the main queue, which the tests
+// drain on their own thread, so no lock is needed.
+struct Calls {
+  std::vector<std::string> order;  // "completion", "success", "failure"
+  std::vector<std::shared_ptr<VKQVeskResult>> results;
+  bool offMainQueue = false;
+
+  std::size_t outcomes() const { return order.size() - count("completion"); }
+  std::size_t count(const std::string& name) const {
+    std::size_t n = 0;
+    for (const auto& call : order) n += call == name ? 1 : 0;
+    return n;
+  }
+  std::int64_t lastCode() const {
+    const auto& result = results.back();
+    return result && result->responseCode() ? result->responseCode()->code() : 0;
+  }
+};
+
+// Attaches completion, success and failure callbacks that record into `calls`.
+inline void attach(VKQVeskRequest& request, const std::shared_ptr<Calls>& calls) {
+  auto recorder = [calls](const char* name) {
+    return [calls, name](std::shared_ptr<VKQVeskResult> result) {
+      if (!vkq::platform::MainQueue::isCurrent()) calls->offMainQueue = true;
+      calls->order.push_back(name);
+      calls->results.push_back(std::move(result));
+    };
+  };
+  request.setCompletionResultBlock(recorder("completion"));
+  request.setSuccessResultBlock(recorder("success"));
+  request.setFailureResultBlock(recorder("failure"));
+}
+
+// Attaches recording callbacks and starts the request with requestWithSuccess(); the
+// completion callback set before stays in place.
+inline std::shared_ptr<Calls> start(VKQVeskRequest& request) {
+  auto calls = std::make_shared<Calls>();
+  attach(request, calls);
+  request.requestWithSuccess(request.successResultBlock(), request.failureResultBlock());
+  return calls;
+}
+
+// Collects debug-log entries while it lives.
+class LogCapture {
+ public:
+  LogCapture() {
+    vkq::platform::setLogSink([this](const vkq::platform::LogEntry& entry) {
+      std::lock_guard lock(mutex_);
+      entries_.push_back(entry);
+    });
+  }
+  ~LogCapture() { vkq::platform::setLogSink({}); }
+
+  std::vector<vkq::platform::LogEntry> entries() const {
+    std::lock_guard lock(mutex_);
+    return entries_;
+  }
+  // Entries whose first piece is `first`.
+  std::size_t count(const std::string& first) const {
+    std::lock_guard lock(mutex_);
+    std::size_t n = 0;
+    for (const auto& entry : entries_) n += !entry.empty() && entry.front() == first ? 1 : 0;
+    return n;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<vkq::platform::LogEntry> entries_;
+};
+
+// Callbacks are drained on the test's thread; the reachability seam is reset after
+// each test, and each test ends with an empty registry.
+class AgentTest : public ::testing::Test {
+ protected:
+  void SetUp() override { vkq::platform::MainQueue::useManualDraining(); }
+  void TearDown() override {
+    vkq::platform::NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);
+    EXPECT_TRUE(runUntil([] { return VKQNetworkAgent::sharedAgent().recordCount() == 0; }))
+        << "requests left in the registry";
+  }
+
+  static VKQNetworkAgent& agent() { return VKQNetworkAgent::sharedAgent(); }
+
+  // Drains the main queue until `done()` holds. MainQueue::runUntil() looks at `done()`
+  // only when a job arrives, so it is called in short slices: conditions that no job
+  // announces (a log entry, a file) are seen too.
+  static bool runUntil(const std::function<bool()>& done,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!vkq::platform::MainQueue::runUntil(done, std::chrono::milliseconds(10))) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+    }
+    return true;
+  }
+  // Drains the main queue for `duration`, for tests that check that nothing happens.
+  static void runFor(std::chrono::milliseconds duration) {
+    vkq::platform::MainQueue::runUntil([] { return false; }, duration);
+  }
+};
+
+// A test server that is known to serve once made: stopping one whose accept loop has
+// not started yet would wait forever, so the constructor sends one probe request
+// (to a path no test uses; it is recorded like any other).
+class ServingTestServer : public TestServer {
+ public:
+  ServingTestServer() { probe(); }
+  explicit ServingTestServer(Options options) : TestServer(std::move(options)) { probe(); }
+
+  // The requests that arrived apart from the probe.
+  std::size_t receivedCount() const { return requestCount() - 1; }
+
+ private:
+  void probe() {
+    httplib::Client client("127.0.0.1", port());
+    while (!client.Get("/serving-probe")) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+};
+
+// A fresh, empty folder under the temporary directory, removed with the object.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::random_device random;
+    path_ = std::filesystem::temp_directory_path() / ("vkq-agent-" + std::to_string(random()) + std::to_string(random()));
+    std::filesystem::create_directories(path_);
+  }
+  ~TemporaryFolder() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  const std::filesystem::path& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace vkq::testing
