@@ -99,6 +99,9 @@ TestServer::TestServer(Options options) {
   if (port_ <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
   widenBacklog_();
   thread_ = std::thread([this] { server_->listen_after_bind(); });
+  // stop() does nothing until the server runs, so a stop() right after construction
+  // would leave the accept loop running for ever.
+  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 TestServer::~TestServer() { stop(); }
