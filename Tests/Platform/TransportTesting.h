@@ -25,11 +25,10 @@ using namespace std::chrono_literals;
 template <typename T>
 class Outcomes {
  public:
+  // Notifies under the lock: a waiter may destroy the collector as soon as it wakes.
   void add(T value) {
-    {
-      std::lock_guard lock(mutex_);
-      values_.push_back(std::move(value));
-    }
+    std::lock_guard lock(mutex_);
+    values_.push_back(std::move(value));
     changed_.notify_all();
   }
   bool waitFor(std::size_t count, std::chrono::milliseconds timeout = 20s) {
