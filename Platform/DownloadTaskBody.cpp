@@ -6,6 +6,7 @@
 #include <cstring>
 #include <system_error>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "Platform/CurlErrors.h"
@@ -15,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Large writes: few system calls for fast downloads, memory flat whatever the size.
+// Small pieces are gathered up to this size; memory stays flat whatever the size.
 constexpr std::size_t kFileBufferSize = 512 * 1024;
 
 // The validator If-Range may carry: a strong ETag, else Last-Modified.
@@ -67,10 +68,6 @@ DownloadTaskBody::DownloadTaskBody(const ResumeData& resume, Callbacks callbacks
       written_(resume.bytesReceived),
       validator_(resume.validator) {}
 
-DownloadTaskBody::~DownloadTaskBody() {
-  if (file_ != nullptr) std::fclose(file_);
-}
-
 URLRequest DownloadTaskBody::requestForResumeData(const ResumeData& resume) {
   URLRequest request;
   request.url = URL::URLWithString(resume.url);
@@ -92,32 +89,24 @@ ErrorPtr DownloadTaskBody::fileError(URLErrorCode code, const std::string& what)
 }
 
 ErrorPtr DownloadTaskBody::openFile() {
+  int descriptor = -1;
   if (path_.empty()) {
     std::error_code ignored;
     fs::create_directories(folder_, ignored);
     std::string name = (folder_ / "download-XXXXXX").string();
-    const int descriptor = mkstemp(name.data());
-    if (descriptor < 0) {
-      path_ = folder_;
-      return fileError(kURLErrorCannotCreateFile, "Cannot create the download file");
-    }
-    path_ = name;
-    file_ = fdopen(descriptor, "wb");
-    if (file_ == nullptr) close(descriptor);
+    descriptor = mkostemp(name.data(), O_CLOEXEC);
+    path_ = descriptor >= 0 ? fs::path(name) : folder_;
   } else {
-    file_ = std::fopen(path_.c_str(), "r+b");
+    descriptor = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   }
-  if (file_ == nullptr) return fileError(kURLErrorCannotCreateFile, "Cannot open the download file");
-  fileBuffer_ = std::make_unique<char[]>(kFileBufferSize);
-  std::setvbuf(file_, fileBuffer_.get(), _IOFBF, kFileBufferSize);
+  if (descriptor < 0) return fileError(kURLErrorCannotCreateFile, "Cannot open the download file");
+  file_ = std::make_unique<FileWriter>(descriptor, kFileBufferSize);
   return truncateFile();
 }
 
 // Cuts the file to `offset_` bytes and writes on from there.
 ErrorPtr DownloadTaskBody::truncateFile() {
-  if (std::fflush(file_) != 0 || ftruncate(fileno(file_), offset_) != 0 || fseeko(file_, offset_, SEEK_SET) != 0) {
-    return fileError(kURLErrorCannotWriteToFile, "Cannot prepare the download file");
-  }
+  if (!file_->truncate(offset_)) return fileError(kURLErrorCannotWriteToFile, "Cannot prepare the download file");
   written_ = offset_;
   return nullptr;
 }
@@ -164,7 +153,7 @@ ErrorPtr DownloadTaskBody::didReceiveResponse(const HTTPResponse& response) {
 
 ErrorPtr DownloadTaskBody::didReceiveData(const char* data, std::size_t length) {
   if (discarding_) return nullptr;
-  if (std::fwrite(data, 1, length, file_) != length) {
+  if (!file_->write(data, length)) {
     return fileError(kURLErrorCannotWriteToFile, "Cannot write the download file");
   }
   written_ += static_cast<std::int64_t>(length);
@@ -192,9 +181,9 @@ void DownloadTaskBody::removeFile() {
 }
 
 ErrorPtr DownloadTaskBody::didFinish(ErrorPtr error, bool cancelled) {
-  if (file_ != nullptr) {
-    const bool closed = std::fclose(file_) == 0;
-    file_ = nullptr;
+  if (file_) {
+    const bool closed = file_->close();
+    file_.reset();
     if (!closed && !error) error = fileError(kURLErrorCannotWriteToFile, "Cannot write the download file");
   }
   std::lock_guard lock(mutex_);

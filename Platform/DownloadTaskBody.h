@@ -10,7 +10,6 @@
 // starts over with a plain request, once.
 #pragma once
 
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -18,6 +17,7 @@
 #include <optional>
 #include <string>
 
+#include "Platform/FileWriter.h"
 #include "Platform/HTTPSessionManager.h"
 #include "Platform/ResumeData.h"
 #include "Platform/SessionEngine.h"
@@ -39,7 +39,6 @@ class DownloadTaskBody final : public BodySink {
   DownloadTaskBody(std::filesystem::path folder, const URLRequest& request, Callbacks callbacks);
   // A download continuing `resume`; its partial file must hold exactly bytesReceived.
   DownloadTaskBody(const ResumeData& resume, Callbacks callbacks);
-  ~DownloadTaskBody() override;
 
   // The request that continues `resume`.
   static URLRequest requestForResumeData(const ResumeData& resume);
@@ -80,8 +79,7 @@ class DownloadTaskBody final : public BodySink {
   // Worker side (see BodySink).
   State state_ = State::Pending;
   std::filesystem::path path_;
-  std::FILE* file_ = nullptr;
-  std::unique_ptr<char[]> fileBuffer_;
+  std::unique_ptr<FileWriter> file_;
   std::int64_t offset_ = 0;   // bytes kept from before when the request was sent
   std::int64_t written_ = 0;  // bytes of the entity in the file
   std::string validator_;

@@ -4,9 +4,25 @@
 
 namespace vkq::platform {
 
+void CompletionOutbox::flush() {
+  if (pending_.empty()) return;
+  queue_.async([jobs = std::move(pending_)]() mutable {
+    for (auto& job : jobs) {
+      try {
+        job();
+      } catch (...) {
+        // Each job guards its own callbacks; nothing may stop the ones after it.
+      }
+      job = nullptr;  // release what it holds here, in order
+    }
+  });
+  pending_.clear();
+}
+
 SessionEngine::SessionEngine()
     : completionQueue_(std::make_unique<SerialQueue>("vkq.completion")),
-      worker_(std::make_unique<TransferWorker>()),
+      outbox_(std::make_unique<CompletionOutbox>(*completionQueue_)),
+      worker_(std::make_unique<TransferWorker>([outbox = outbox_.get()] { outbox->flush(); })),
       responseSerializer_(std::make_shared<ResponseSerializerSlot>()) {
   responseSerializer_->set(HTTPResponseSerializer::serializer());
 }

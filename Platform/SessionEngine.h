@@ -8,7 +8,9 @@
 #pragma once
 
 #include <memory>
+#include <functional>
 #include <mutex>
+#include <vector>
 
 #include "Platform/HTTPResponseSerializer.h"
 #include "Platform/SerialQueue.h"
@@ -33,6 +35,20 @@ class ResponseSerializerSlot {
   std::shared_ptr<HTTPResponseSerializer> serializer_;  // guarded by mutex_
 };
 
+// What the worker hands to the completion queue (progress and completions), gathered
+// while it handles one round of events and posted as one queue job, in order: one
+// queue wake-up per round instead of one per task. Worker thread only.
+class CompletionOutbox {
+ public:
+  explicit CompletionOutbox(SerialQueue& queue) : queue_(queue) {}
+  void post(std::function<void()> job) { pending_.push_back(std::move(job)); }
+  void flush();
+
+ private:
+  SerialQueue& queue_;
+  std::vector<std::function<void()>> pending_;
+};
+
 class SessionEngine {
  public:
   SessionEngine();
@@ -41,12 +57,14 @@ class SessionEngine {
   SessionEngine& operator=(const SessionEngine&) = delete;
 
   TransferWorker& worker() { return *worker_; }
-  // Lives as long as the engine, and until the worker has stopped.
   SerialQueue& completionQueue() { return *completionQueue_; }
+  // For the worker thread; outlives the worker.
+  CompletionOutbox& outbox() { return *outbox_; }
   const std::shared_ptr<ResponseSerializerSlot>& responseSerializer() const { return responseSerializer_; }
 
  private:
   std::unique_ptr<SerialQueue> completionQueue_;
+  std::unique_ptr<CompletionOutbox> outbox_;
   std::unique_ptr<TransferWorker> worker_;
   std::shared_ptr<ResponseSerializerSlot> responseSerializer_;
 };

@@ -49,7 +49,7 @@ TaskRecord::TaskRecord(std::optional<URLRequest> request)
 SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<TaskRecord> record,
                                  std::optional<URLRequest> request, std::unique_ptr<BodySink> sink, Options options)
     : engine_(engine),
-      workerQueue_(&engine->completionQueue()),
+      outbox_(&engine->outbox()),
       record_(std::move(record)),
       request_(std::move(request)),
       sink_(std::move(sink)),
@@ -275,7 +275,7 @@ void SessionTransfer::reportDownload(bool last) {
   lastDownloadReport_ = now;
   lastDownloadReported_ = held;
   const Progress progress{held, expectedLength_};
-  workerQueue_->async([self = shared_from_this(), progress] {
+  outbox_->post([self = shared_from_this(), progress] {
     try {
       if (self->downloadProgress_) self->downloadProgress_(progress);
     } catch (...) {
@@ -293,7 +293,7 @@ void SessionTransfer::reportUpload(std::int64_t sent, std::int64_t total, bool l
   lastUploadReport_ = now;
   lastUploadReported_ = sent;
   const Progress progress{sent, uploadTotal_};
-  workerQueue_->async([self = shared_from_this(), progress] {
+  outbox_->post([self = shared_from_this(), progress] {
     try {
       if (self->uploadProgress_) self->uploadProgress_(progress);
     } catch (...) {
@@ -355,7 +355,7 @@ ErrorPtr SessionTransfer::outcomeOfExchange(CURLcode code) {
 void SessionTransfer::conclude(ErrorPtr error, bool cancelled) {
   error = sink_->didFinish(std::move(error), cancelled);
   reportDownload(true);
-  workerQueue_->async([self = shared_from_this(), response = response_, error] { self->complete(response, error); });
+  outbox_->post([self = shared_from_this(), response = response_, error] { self->complete(response, error); });
 }
 
 void SessionTransfer::complete(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) {

@@ -28,7 +28,7 @@
 
 namespace vkq::platform {
 
-class SerialQueue;
+class CompletionOutbox;
 class SessionEngine;
 
 struct TaskRecord {
@@ -126,9 +126,9 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   std::string failingURL() const;
 
   const std::weak_ptr<SessionEngine> engine_;
-  // The engine's completion queue, used from the worker thread only: the engine stops
-  // the worker before its queue, so it outlives every use there.
-  SerialQueue* const workerQueue_;
+  // The engine's outbox, used from the worker thread only: the engine stops the worker
+  // before the outbox goes, so it outlives every use there.
+  CompletionOutbox* const outbox_;
   const std::shared_ptr<TaskRecord> record_;
   const std::optional<URLRequest> request_;
   const std::unique_ptr<BodySink> sink_;

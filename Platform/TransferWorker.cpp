@@ -14,7 +14,8 @@ constexpr std::chrono::milliseconds kMaximumPoll{1000};
 
 }  // namespace
 
-TransferWorker::TransferWorker() : multi_(makeMultiHandle()), share_(makeShareHandle()) {
+TransferWorker::TransferWorker(std::function<void()> beforeWait)
+    : beforeWait_(std::move(beforeWait)), multi_(makeMultiHandle()), share_(makeShareHandle()) {
   // The share handle is only used on the worker thread, so it needs no lock callbacks.
   curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
   curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
@@ -36,11 +37,14 @@ void TransferWorker::add(std::shared_ptr<Transfer> transfer) { post({false, std:
 void TransferWorker::cancel(std::shared_ptr<Transfer> transfer) { post({true, std::move(transfer)}); }
 
 void TransferWorker::post(Command command) {
+  bool wake;
   {
     std::lock_guard lock(mutex_);
+    // Commands already waiting mean a wake-up is already on its way.
+    wake = commands_.empty();
     commands_.push_back(std::move(command));
   }
-  curl_multi_wakeup(multi_.get());
+  if (wake) curl_multi_wakeup(multi_.get());
 }
 
 void TransferWorker::run() {
@@ -77,10 +81,12 @@ void TransferWorker::run() {
     Clock::duration limit = kMaximumPoll;
     if (curlTimeout >= 0) limit = std::min<Clock::duration>(limit, std::chrono::milliseconds(curlTimeout));
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(expireIdle(limit));
+    beforeWait_();
     curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(wait.count()), nullptr);
   }
 
   while (!running_.empty()) finish(running_.begin()->first, EndReason::Cancelled, CURLE_OK);
+  beforeWait_();
 }
 
 void TransferWorker::apply(Command& command) {

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -52,7 +53,9 @@ class TransferWorker {
     Clock::duration idleTimeout{};
   };
 
-  TransferWorker();
+  // `beforeWait` runs on the worker thread whenever it has handled what was pending and
+  // is about to wait, and once more after the last transfer has ended.
+  explicit TransferWorker(std::function<void()> beforeWait);
   // Ends the transfers still running with EndReason::Cancelled, then joins the thread.
   ~TransferWorker();
   TransferWorker(const TransferWorker&) = delete;
@@ -80,6 +83,7 @@ class TransferWorker {
   // idle deadline (or `limit`).
   Clock::duration expireIdle(Clock::duration limit);
 
+  const std::function<void()> beforeWait_;
   MultiHandle multi_;
   ShareHandle share_;
 
