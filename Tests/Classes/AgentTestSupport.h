@@ -75,10 +75,14 @@ struct Calls {
   }
 };
 
-// Attaches completion, success and failure callbacks that record into `calls`.
+// Attaches completion, success and failure callbacks that record into `calls`. They
+// hold `calls` weakly: the results it keeps hold the request, and callbacks that stay
+// attached (early failures, cancellation) would otherwise close a cycle.
 inline void attach(VKQVeskRequest& request, const std::shared_ptr<Calls>& calls) {
-  auto recorder = [calls](const char* name) {
-    return [calls, name](std::shared_ptr<VKQVeskResult> result) {
+  auto recorder = [weakCalls = std::weak_ptr<Calls>(calls)](const char* name) {
+    return [weakCalls, name](std::shared_ptr<VKQVeskResult> result) {
+      const auto calls = weakCalls.lock();
+      if (!calls) return;
       if (!vkq::platform::MainQueue::isCurrent()) calls->offMainQueue = true;
       calls->order.push_back(name);
       calls->results.push_back(std::move(result));
