@@ -5,6 +5,12 @@
 #include <unistd.h>
 
 namespace vkq::platform {
+namespace {
+
+// Pieces this large gain nothing from gathering: they go to the file as they are.
+constexpr std::size_t kDirectWriteSize = 64 * 1024;
+
+}  // namespace
 
 FileWriter::FileWriter(int descriptor, std::size_t bufferSize) : descriptor_(descriptor), capacity_(bufferSize) {
   buffer_.reserve(capacity_);
@@ -16,7 +22,7 @@ FileWriter::~FileWriter() {
 
 bool FileWriter::write(const char* data, std::size_t length) {
   if (buffer_.size() + length > capacity_ && !flush()) return false;
-  if (length >= capacity_ / 2) return writeAll(data, length);
+  if (length >= kDirectWriteSize || length >= capacity_) return writeAll(data, length);
   buffer_.insert(buffer_.end(), data, data + length);
   return true;
 }

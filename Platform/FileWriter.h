@@ -1,6 +1,6 @@
 // Sequential writes to a file with few system calls and no extra copy of large pieces:
-// small pieces are gathered in a buffer, pieces of at least half the buffer go to the
-// file directly. Internal to the transport; used by one thread at a time.
+// small pieces are gathered in a buffer, pieces of 64 KiB and more go to the file
+// directly. Internal to the transport; used by one thread at a time.
 #pragma once
 
 #include <cstddef>
