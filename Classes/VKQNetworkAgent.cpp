@@ -547,25 +547,37 @@ std::string VKQNetworkAgent::md5StringFromString(std::string_view string) {
 // ---- Debug log ----
 
 void VKQNetworkAgent::sessionDebugWithRequest(const VKQHTTPRequestSerializer& serializer) const {
-  const std::shared_ptr<VKQVeskRequest>& request = serializer.request();
-  const std::optional<std::string> url = request ? buildRequestUrl(*request) : std::nullopt;
-  constexpr const char* kAbsent = "(null)";
+  // The settings text is only rendered when the log is on.
+  class Settings {
+   public:
+    Settings(const VKQNetworkAgent& agent, const VKQHTTPRequestSerializer& serializer)
+        : agent_(agent), serializer_(serializer) {}
+    std::string description() const {
+      const std::shared_ptr<VKQVeskRequest>& request = serializer_.request();
+      const std::optional<std::string> url = request ? agent_.buildRequestUrl(*request) : std::nullopt;
+      constexpr const char* kAbsent = "(null)";
+      // An unbound serializer shows every setting as zero, NO or absent.
+      DebugSettingsText text;
+      text.add("url", url.value_or(kAbsent))
+          .add("version", std::to_string(request ? request->version() : 0))
+          .add("xorKey", upperHex(request ? request->xorKey() : 0))
+          .add("compress", yesNo(request && request->compress()))
+          .add("insertAtBeginBody", std::to_string(request ? request->insertAtBeginBody() : 0))
+          .add("uploadOSType", yesNo(request && request->uploadOSType()))
+          .add("packageName", (request ? request->packageName() : std::nullopt).value_or(kAbsent))
+          .add("releaseVersion", std::to_string(request ? request->releaseVersion() : 0))
+          .add("bigTndian", yesNo(request && request->bigEndian()))
+          .add("nonProtocol", yesNo(request && request->nonProtocol()))
+          .add("header", serializer_.HTTPRequestHeaders().description());
+      return text.str();
+    }
 
-  // An unbound serializer shows every setting as zero, NO or absent.
-  DebugSettingsText text;
-  text.add("url", url.value_or(kAbsent))
-      .add("version", std::to_string(request ? request->version() : 0))
-      .add("xorKey", upperHex(request ? request->xorKey() : 0))
-      .add("compress", yesNo(request && request->compress()))
-      .add("insertAtBeginBody", std::to_string(request ? request->insertAtBeginBody() : 0))
-      .add("uploadOSType", yesNo(request && request->uploadOSType()))
-      .add("packageName", (request ? request->packageName() : std::nullopt).value_or(kAbsent))
-      .add("releaseVersion", std::to_string(request ? request->releaseVersion() : 0))
-      .add("bigTndian", yesNo(request && request->bigEndian()))
-      .add("nonProtocol", yesNo(request && request->nonProtocol()))
-      .add("header", serializer.HTTPRequestHeaders().description());
+   private:
+    const VKQNetworkAgent& agent_;
+    const VKQHTTPRequestSerializer& serializer_;
+  };
 
   DDDebug("======================== start request ========================");
-  DDDebug(text.str());
+  DDDebug(Settings(*this, serializer));
   DDDebug("======================== end   request ========================");
 }
