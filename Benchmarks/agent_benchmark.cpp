@@ -7,7 +7,9 @@
 //    queue; "transport" sends the same framed bytes with HTTPSessionManager data tasks
 //    and takes the raw answers. Counters: exchanges per second, client CPU
 //    microseconds per exchange. The two run interleaved; the summary gives the ratios
-//    of the medians.
+//    of the medians. "agent-uncompressed" is the agent with compression switched off
+//    (same exchange otherwise), which separates the cost of compressing a tiny payload
+//    from the agent's own.
 //  Then the resident memory of 1,000 requests in flight: the server holds every answer
 //    until all 1,000 have arrived, and the client's RSS is read before the requests
 //    start and while they are all waiting.
@@ -58,15 +60,14 @@ const Bytes& payload() {
   return bytes;
 }
 
-std::shared_ptr<VKQVesk> makeRequest(const std::string& path) {
-  return VKQVesk::initWithKXPUrl(baseURL + path, std::make_shared<Bytes>(payload()));
+std::shared_ptr<VKQVesk> makeRequest(const std::string& path, bool compress = true) {
+  auto request = VKQVesk::initWithKXPUrl(baseURL + path, std::make_shared<Bytes>(payload()));
+  if (!compress) request->compressPromise()(false);
+  return request;
 }
 
-// The settings both ends use: the request defaults.
-const VKQKXPFrameSettings& settings() {
-  static const VKQKXPFrameSettings s = VKQKXPFrameSettings::fromRequest(*makeRequest("/"));
-  return s;
-}
+// The settings both ends use: the request defaults, with or without compression.
+VKQKXPFrameSettings settings(bool compress = true) { return VKQKXPFrameSettings::fromRequest(*makeRequest("/", compress)); }
 
 double cpuSeconds() {
   rusage usage{};
@@ -126,19 +127,20 @@ void measure(benchmark::State& state, const std::string& name, Body body) {
   }
 }
 
-void agentExchanges(benchmark::State& state) {
+void agentExchanges(benchmark::State& state, bool compress) {
+  const std::string path = compress ? "/kxp" : "/kxp-uncompressed";
   Completions completions;
   // Each result starts the next request (on the main queue), keeping kInFlight running.
   std::function<void()> startOne = [&] {
     if (completions.started.fetch_add(1) >= kExchanges) return;
-    makeRequest("/kxp")->requestCompletion([&](std::shared_ptr<VKQVeskResult> result) {
+    makeRequest(path, compress)->requestCompletion([&](std::shared_ptr<VKQVeskResult> result) {
       const bool failed = !result || result->responseCode()->code() != 0 || !result->data().isData() ||
                           *result->data().data() != payload();
       startOne();
       completions.finishOne(failed, kExchanges);
     });
   };
-  measure(state, "KXP/agent", [&] {
+  measure(state, compress ? "KXP/agent" : "KXP/agent-uncompressed", [&] {
     completions.reset();
     for (int i = 0; i < kInFlight; ++i) startOne();
     completions.wait(kExchanges);
@@ -218,10 +220,14 @@ ServerProcess startServerProcess() {
     close(arrivedPipe[0]);
     const auto answer = VKQKXPServerCodec::makeResponseFrame(payload(), settings());
     const std::string frame(answer->begin(), answer->end());
+    const auto plainAnswer = VKQKXPServerCodec::makeResponseFrame(payload(), settings(false));
+    const std::string plainFrame(plainAnswer->begin(), plainAnswer->end());
     vkq::testing::TestServer::Options options;
     options.threads = kHeld + 2 * kInFlight;
     vkq::testing::TestServer server(options);
     server.answer("/kxp", vkq::testing::ScriptedAnswer(200, frame).type("application/octet-stream"));
+    server.answer("/kxp-uncompressed",
+                  vkq::testing::ScriptedAnswer(200, plainFrame).type("application/octet-stream"));
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -274,7 +280,9 @@ int main(int argc, char** argv) {
   for (int i = 0; i < kRepetitions; ++i) {
     benchmark::RegisterBenchmark(("KXP/transport/" + std::to_string(i)).c_str(), transportExchanges)
         ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark(("KXP/agent/" + std::to_string(i)).c_str(), agentExchanges)
+    benchmark::RegisterBenchmark(("KXP/agent/" + std::to_string(i)).c_str(), agentExchanges, true)
+        ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark(("KXP/agent-uncompressed/" + std::to_string(i)).c_str(), agentExchanges, false)
         ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
   }
   benchmark::Initialize(&argc, argv);
@@ -283,13 +291,17 @@ int main(int argc, char** argv) {
 
   const double agentRps = median(results["KXP/agent/rps"]);
   const double transportRps = median(results["KXP/transport/rps"]);
+  const double plainRps = median(results["KXP/agent-uncompressed/rps"]);
   const double agentCpu = median(results["KXP/agent/cpu"]);
+  const double plainCpu = median(results["KXP/agent-uncompressed/cpu"]);
   const double transportCpu = median(results["KXP/transport/cpu"]);
   std::printf("\nSummary (medians):\n");
   std::printf("  small KXP exchanges: agent %.0f/s, transport alone %.0f/s -> ratio %.3f (target >= 0.9)\n", agentRps,
               transportRps, transportRps > 0 ? agentRps / transportRps : 0);
-  std::printf("  client CPU per exchange: agent %.1f us, transport alone %.1f us -> ratio %.3f\n", agentCpu,
-              transportCpu, transportCpu > 0 ? agentCpu / transportCpu : 0);
+  std::printf("  without compression: agent %.0f/s -> ratio %.3f\n", plainRps,
+              transportRps > 0 ? plainRps / transportRps : 0);
+  std::printf("  client CPU per exchange: agent %.1f us, uncompressed %.1f us, transport alone %.1f us\n", agentCpu,
+              plainCpu, transportCpu);
   const double perRequest = heldRequestsMemory(server.releaseFd, server.arrivedFd);
   std::printf("  -> %.0f bytes of RSS per request in flight\n", perRequest);
   return 0;

@@ -101,8 +101,9 @@ class VKQNetworkAgent {
   // gains a trailing "/" first). Absent when that does not parse.
   std::optional<std::string> buildRequestUrl(const VKQVeskRequest& request) const;
   // A serializer bound to the request (JSON for type 0, KXP for 1, null otherwise),
-  // with its time-out, cellular access, Basic authorization and header fields, the
-  // header dictionary applied last.
+  // with its time-out, cellular access, Basic authorization (first element the user,
+  // last the password; an empty array sets none) and header fields, the header
+  // dictionary applied last.
   std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(
       const std::shared_ptr<VKQVeskRequest>& request) const;
   // The shared response serializers, made on first use (std::call_once: safe from any
@@ -132,7 +133,9 @@ class VKQNetworkAgent {
   // A "GET" download of URLString into `path`: the file itself, or, when `path` is an
   // existing folder, the URL's last path component inside it. A file already at the
   // target is removed at once. Resumes when resume data for the target exists and the
-  // data stored for `path` is a property list the transport accepts; otherwise (also
+  // data stored for `path` is a property list the transport accepts (into a folder,
+  // both files must hold the same data, since the folder's may belong to another
+  // download into it); otherwise (also
   // when the transport refuses it: "Resume download failed, reason = " is logged) a
   // fresh download. When the task ends, a failure's resume data is stored and a
   // success removes any. Null with an error (domain kURLErrorDomain, code
