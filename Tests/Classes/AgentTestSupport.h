@@ -13,7 +13,6 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Classes/VKQNetworkAgent.h"
@@ -22,7 +21,6 @@
 #include "Platform/Log.h"
 #include "Platform/MainQueue.h"
 #include "Platform/NetworkReachabilityManager.h"
-#include "Tests/Support/TestServer.h"
 
 namespace vkq::testing {
 
@@ -157,24 +155,6 @@ class AgentTest : public ::testing::Test {
   // Drains the main queue for `duration`, for tests that check that nothing happens.
   static void runFor(std::chrono::milliseconds duration) {
     vkq::platform::MainQueue::runUntil([] { return false; }, duration);
-  }
-};
-
-// A test server that is known to serve once made: stopping one whose accept loop has
-// not started yet would wait forever, so the constructor sends one probe request
-// (to a path no test uses; it is recorded like any other).
-class ServingTestServer : public TestServer {
- public:
-  ServingTestServer() { probe(); }
-  explicit ServingTestServer(Options options) : TestServer(std::move(options)) { probe(); }
-
-  // The requests that arrived apart from the probe.
-  std::size_t receivedCount() const { return requestCount() - 1; }
-
- private:
-  void probe() {
-    httplib::Client client("127.0.0.1", port());
-    while (!client.Get("/serving-probe")) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 };
 

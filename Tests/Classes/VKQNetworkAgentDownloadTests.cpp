@@ -72,7 +72,7 @@ class VKQNetworkAgentDownload : public AgentTest {
   bool hasResumeData(const std::string& downloadPath) { return fs::exists(*resumeFile(downloadPath)); }
   std::optional<std::string> lastRange() { return server.requests().back().header("Range"); }
 
-  vkq::testing::ServingTestServer server;
+  TestServer server;
   TemporaryFolder folder;
   std::shared_ptr<VKQVesk> request;
   std::shared_ptr<std::atomic<int>> progressCalls;
@@ -219,7 +219,7 @@ TEST_F(VKQNetworkAgentDownload, ANameThatWouldLeaveTheFolderFailsTheRequest) {
     EXPECT_EQ(request->error()->domain(), vkq::platform::kURLErrorDomain);
     EXPECT_EQ(request->error()->code(), vkq::platform::kURLErrorCannotCreateFile);
   }
-  EXPECT_EQ(server.receivedCount(), 0u);
+  EXPECT_EQ(server.requestCount(), 0u);
   EXPECT_EQ(readFile(folder / "keep.txt"), "untouched");
   EXPECT_TRUE(fs::is_directory(inbox));
 }

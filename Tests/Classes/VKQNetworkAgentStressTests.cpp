@@ -27,7 +27,7 @@ TEST_F(VKQNetworkAgentStress, AThousandConcurrentRequestsWithRandomCancels) {
 
   TestServer::Options options;
   options.threads = 128;
-  vkq::testing::ServingTestServer server(options);
+  TestServer server(options);
   auto makeRequest = [&](int index) {
     return VKQVesk::initWithKXPUrl(server.url("/kxp"),
                                    std::make_shared<Bytes>(bytesFromString("request " + std::to_string(index))));
