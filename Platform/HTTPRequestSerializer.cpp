@@ -253,13 +253,10 @@ std::optional<URLRequest> HTTPRequestSerializer::multipartFormRequestWithMethod(
 std::optional<URLRequest> HTTPRequestSerializer::requestBySerializingRequest(const URLRequest& request,
                                                                              const Object& parameters,
                                                                              ErrorPtr* error) const {
-  URLRequest result = request;
-  for (const auto& [name, value] : headers_) {
-    if (!request.allHTTPHeaderFields.contains(name)) result.setValueForHTTPHeaderField(value, name);
-  }
+  URLRequest result = requestWithDefaultHeaders(request);
   if (!parameters || (parameters.isJSON() && parameters.json().is_null())) return result;
 
-  if (methodsInURI_.contains(upperCased(request.HTTPMethod))) {
+  if (encodesParametersInURI(request.HTTPMethod)) {
     const std::optional<std::string> query = queryText(parameters);
     if (!query) {
       setError(error, serializationError("The parameters cannot be encoded in the URL."));
@@ -317,6 +314,18 @@ bool HTTPRequestSerializer::initWithCoder(const KeyedUnarchiver& coder) {
   allowsCellularAccess_ = *cellular;
   methodsInURI_ = std::set<std::string>(methods->begin(), methods->end());
   return true;
+}
+
+bool HTTPRequestSerializer::encodesParametersInURI(std::string_view method) const {
+  return methodsInURI_.contains(upperCased(method));
+}
+
+URLRequest HTTPRequestSerializer::requestWithDefaultHeaders(const URLRequest& request) const {
+  URLRequest copy = request;
+  for (const auto& [name, value] : headers_) {
+    if (!request.allHTTPHeaderFields.contains(name)) copy.setValueForHTTPHeaderField(value, name);
+  }
+  return copy;
 }
 
 std::string queryStringFromParameters(const JSON& parameters) {

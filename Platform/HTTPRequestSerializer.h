@@ -62,6 +62,8 @@ class HTTPRequestSerializer {
   void setAllowsCellularAccess(bool allowed) { allowsCellularAccess_ = allowed; }
   const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const { return methodsInURI_; }
   void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) { methodsInURI_ = std::move(methods); }
+  // Whether `method`, in any letter case, carries its parameters in the URI.
+  bool encodesParametersInURI(std::string_view method) const;
 
   // Builds the URL request (method, URL, time-out, cellular access) and hands it with
   // the parameters to requestBySerializingRequest(). Absent, with an error, when the
@@ -97,6 +99,10 @@ class HTTPRequestSerializer {
  protected:
   HTTPRequestSerializer(const HTTPRequestSerializer&) = default;
   HTTPRequestSerializer& operator=(const HTTPRequestSerializer&) = default;
+
+  // A copy of `request` with each default header field it does not carry; the fields
+  // it carries keep their values.
+  URLRequest requestWithDefaultHeaders(const URLRequest& request) const;
 
  private:
   HTTPHeaders headers_;

@@ -25,10 +25,6 @@ class VKQHTTPRequestSerializer : public vkq::platform::HTTPRequestSerializer {
   // Copies the settings only: the bound request is never copied.
   VKQHTTPRequestSerializer(const VKQHTTPRequestSerializer& other) : vkq::platform::HTTPRequestSerializer(other) {}
 
-  // A copy of `request` with each default header field it does not carry; the fields it
-  // carries keep their values.
-  vkq::platform::URLRequest requestWithDefaultHeaders(const vkq::platform::URLRequest& request) const;
-
  private:
   std::shared_ptr<VKQVeskRequest> request_;
 };

@@ -1,8 +1,5 @@
 #include "Classes/Serialization/Request/VKQJSONRequestSerializer.h"
 
-#include <algorithm>
-#include <cctype>
-
 using vkq::platform::Bytes;
 using vkq::platform::ErrorPtr;
 using vkq::platform::Object;
@@ -11,12 +8,6 @@ using vkq::platform::URLRequest;
 namespace {
 
 constexpr const char* kWritingOptionsKey = "writingOptions";
-
-std::string upperCased(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  return text;
-}
 
 ErrorPtr invalidParametersError() {
   vkq::platform::ErrorUserInfo info;
@@ -56,7 +47,7 @@ std::shared_ptr<VKQJSONRequestSerializer> VKQJSONRequestSerializer::unarchive(co
 std::optional<URLRequest> VKQJSONRequestSerializer::requestBySerializingRequest(const URLRequest& request,
                                                                                 const Object& parameters,
                                                                                 ErrorPtr* error) const {
-  if (HTTPMethodsEncodingParametersInURI().contains(upperCased(request.HTTPMethod))) {
+  if (encodesParametersInURI(request.HTTPMethod)) {
     return VKQHTTPRequestSerializer::requestBySerializingRequest(request, parameters, error);
   }
   URLRequest mutableRequest = requestWithDefaultHeaders(request);
