@@ -2,8 +2,12 @@
 // process (so the process's CPU time is the client's alone).
 //
 //  SmallGets/<client>/<n>: 10,000 GETs of a 64-byte answer, 32 in flight over
-//    keep-alive. Counters: requests per second, client CPU microseconds per request
-//    (getrusage of the whole process: worker, completion queue and benchmark threads).
+//    keep-alive. "curl" is the usual libcurl multi loop: 32 easy handles made once,
+//    each added again as soon as its exchange ends. Counters: requests per second,
+//    client CPU microseconds per request (getrusage of the whole process: worker,
+//    completion queue and benchmark threads) and the system part of it, sleeps per
+//    request (voluntary context switches), the requests in flight (most, and the
+//    mean by Little's law) and the connections the server saw them come over.
 //  Download/<client>/<n>: a 256 MiB file to disk, beside the curl tool. Counter: MiB/s.
 // The two clients run interleaved, several times each; the summary at the end gives the
 // ratios of the medians.
@@ -23,6 +27,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,6 +41,7 @@ using vkq::platform::HTTPSessionManager;
 
 constexpr int kRequests = 10'000;
 constexpr int kInFlight = 32;
+constexpr std::size_t kSmallSize = 64;
 constexpr std::size_t kLargeSize = std::size_t{256} << 20;
 constexpr int kRepetitions = 5;
 constexpr int kDownloadRepetitions = 3;
@@ -44,25 +50,85 @@ std::string baseURL;
 fs::path workFolder;
 std::map<std::string, std::vector<double>> results;  // name -> one value per repetition
 
-double cpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+// The process's CPU time (every thread, user and system) and how often its threads
+// went to sleep (voluntary context switches: each is a wait that needed a wake-up).
+struct Usage {
+  double cpuSeconds;
+  double systemSeconds;
+  double sleeps;
+
+  static Usage now() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    return {seconds(usage.ru_utime) + seconds(usage.ru_stime), seconds(usage.ru_stime), static_cast<double>(usage.ru_nvcsw)};
+  }
+};
+
+using Clock = std::chrono::steady_clock;
+
+// Requests in flight, counted at the client: the most at once, and the mean over the
+// run (Little's law: the summed request latencies over the run's wall time). Either
+// client may start and finish requests on different threads.
+class InFlightCounter {
+ public:
+  void started() {
+    const int now = inFlight_.fetch_add(1) + 1;
+    int most = most_.load();
+    while (now > most && !most_.compare_exchange_weak(most, now)) {
+    }
+  }
+  void finished(Clock::time_point begun) {
+    inFlight_.fetch_sub(1);
+    latencyNanoseconds_.fetch_add(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - begun).count());
+  }
+  int most() const { return most_.load(); }
+  double mean(double seconds) const { return static_cast<double>(latencyNanoseconds_.load()) / 1e9 / seconds; }
+
+ private:
+  std::atomic<int> inFlight_{0};
+  std::atomic<int> most_{0};
+  std::atomic<std::int64_t> latencyNanoseconds_{0};
+};
+
+// The server's count of the connections the small GETs came over since the last call.
+double connectionsUsed() {
+  CURL* easy = curl_easy_init();
+  std::string answer;
+  const std::string url = baseURL + "/connections";
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, +[](char* data, std::size_t size, std::size_t count, void* out) {
+    static_cast<std::string*>(out)->append(data, size * count);
+    return size * count;
+  });
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer);
+  const CURLcode code = curl_easy_perform(easy);
+  curl_easy_cleanup(easy);
+  return code == CURLE_OK ? std::stod(answer) : -1;
 }
 
-// Runs `body`, then reports requests/s and client CPU per request.
+// Runs `body` (which drives kRequests small GETs through `counter`), then reports
+// requests/s, client CPU per request and how many were in flight over how many
+// connections.
 template <typename Body>
 void measureSmallGets(benchmark::State& state, const std::string& name, Body body) {
   for (auto _ : state) {
-    const double cpuBefore = cpuSeconds();
-    const auto started = std::chrono::steady_clock::now();
-    body();
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    const double cpu = cpuSeconds() - cpuBefore;
+    InFlightCounter counter;
+    connectionsUsed();  // starts the server's count afresh
+    const Usage before = Usage::now();
+    const auto started = Clock::now();
+    body(counter);
+    const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+    const Usage after = Usage::now();
+    const double cpu = after.cpuSeconds - before.cpuSeconds;
     state.SetIterationTime(seconds);
     state.counters["requests_per_s"] = kRequests / seconds;
     state.counters["cpu_us_per_request"] = cpu * 1e6 / kRequests;
+    state.counters["system_us_per_request"] = (after.systemSeconds - before.systemSeconds) * 1e6 / kRequests;
+    state.counters["sleeps_per_request"] = (after.sleeps - before.sleeps) / kRequests;
+    state.counters["in_flight_max"] = counter.most();
+    state.counters["in_flight_mean"] = counter.mean(seconds);
+    state.counters["connections"] = connectionsUsed();
     results[name + "/rps"].push_back(kRequests / seconds);
     results[name + "/cpu"].push_back(cpu * 1e6 / kRequests);
   }
@@ -72,26 +138,29 @@ void sessionManagerSmallGets(benchmark::State& state) {
   auto manager = HTTPSessionManager::manager();
   vkq::platform::URLRequest request;
   request.url = vkq::platform::URL::URLWithString(baseURL + "/small");
-  std::mutex mutex;
-  std::condition_variable finished;
-  std::atomic<int> started{0};
-  std::atomic<int> done{0};
   std::atomic<int> failures{0};
-  // Each completion starts the next request, keeping kInFlight running.
-  std::function<void()> startOne = [&] {
-    if (started.fetch_add(1) >= kRequests) return;
-    manager->dataTaskWithRequest(request, nullptr, nullptr, [&](auto, auto, vkq::platform::ErrorPtr error) {
-      if (error) ++failures;
-      startOne();
-      if (done.fetch_add(1) + 1 == kRequests) {
-        std::lock_guard lock(mutex);
-        finished.notify_all();
-      }
-    })->resume();
-  };
-  measureSmallGets(state, "SmallGets/session", [&] {
-    started = 0;
-    done = 0;
+  measureSmallGets(state, "SmallGets/session", [&](InFlightCounter& counter) {
+    std::mutex mutex;
+    std::condition_variable finished;
+    std::atomic<int> started{0};
+    std::atomic<int> done{0};
+    // Each completion starts the next request, keeping kInFlight running.
+    std::function<void()> startOne = [&] {
+      if (started.fetch_add(1) >= kRequests) return;
+      counter.started();
+      manager
+          ->dataTaskWithRequest(request, nullptr, nullptr,
+                                [&, begun = Clock::now()](auto, vkq::platform::Object body, vkq::platform::ErrorPtr error) {
+                                  counter.finished(begun);
+                                  if (error || !body.isData() || body.data()->size() != kSmallSize) ++failures;
+                                  startOne();
+                                  if (done.fetch_add(1) + 1 == kRequests) {
+                                    std::lock_guard lock(mutex);
+                                    finished.notify_all();
+                                  }
+                                })
+          ->resume();
+    };
     for (int i = 0; i < kInFlight; ++i) startOne();
     std::unique_lock lock(mutex);
     finished.wait(lock, [&] { return done.load() == kRequests; });
@@ -104,45 +173,60 @@ std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* b
   return size * count;
 }
 
-// The same exchanges written directly against libcurl's multi interface.
+// The same exchanges written directly against libcurl's multi interface, the usual
+// way: kInFlight easy handles made once and reused (so each keeps its connection),
+// curl_multi_poll() to wait, and each finished handle added again for the next request.
 void plainCurlSmallGets(benchmark::State& state) {
-  CURLM* multi = curl_multi_init();
+  struct Exchange {
+    CURL* easy = nullptr;
+    std::string body;
+    Clock::time_point begun;
+  };
   const std::string url = baseURL + "/small";
+  CURLM* multi = curl_multi_init();
+  curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kInFlight));
+  std::vector<Exchange> exchanges(kInFlight);
+  for (Exchange& exchange : exchanges) {
+    exchange.easy = curl_easy_init();
+    curl_easy_setopt(exchange.easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(exchange.easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(exchange.easy, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(exchange.easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(exchange.easy, CURLOPT_WRITEFUNCTION, &collectBody);
+    curl_easy_setopt(exchange.easy, CURLOPT_WRITEDATA, &exchange.body);
+    curl_easy_setopt(exchange.easy, CURLOPT_PRIVATE, &exchange);
+  }
   int failures = 0;
-  measureSmallGets(state, "SmallGets/curl", [&] {
+  measureSmallGets(state, "SmallGets/curl", [&](InFlightCounter& counter) {
     int started = 0;
     int done = 0;
-    std::map<CURL*, std::string> bodies;
-    auto startOne = [&] {
-      if (started >= kRequests) return;
+    auto startOne = [&](Exchange& exchange) {
       ++started;
-      CURL* easy = curl_easy_init();
-      curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-      curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-      curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-      curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-      curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collectBody);
-      curl_easy_setopt(easy, CURLOPT_WRITEDATA, &bodies[easy]);
-      curl_multi_add_handle(multi, easy);
+      counter.started();
+      exchange.body.clear();
+      exchange.begun = Clock::now();
+      curl_multi_add_handle(multi, exchange.easy);
     };
-    for (int i = 0; i < kInFlight; ++i) startOne();
+    for (Exchange& exchange : exchanges) startOne(exchange);
     while (done < kRequests) {
       int running = 0;
       curl_multi_perform(multi, &running);
       int queued = 0;
       while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
         if (message->msg != CURLMSG_DONE) continue;
-        CURL* easy = message->easy_handle;
-        if (message->data.result != CURLE_OK) ++failures;
-        curl_multi_remove_handle(multi, easy);
-        curl_easy_cleanup(easy);
-        bodies.erase(easy);
+        const CURLcode result = message->data.result;  // `message` dies with the removal
+        Exchange* exchange = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &exchange);
+        curl_multi_remove_handle(multi, exchange->easy);
+        counter.finished(exchange->begun);
+        if (result != CURLE_OK || exchange->body.size() != kSmallSize) ++failures;
         ++done;
-        startOne();
+        if (started < kRequests) startOne(*exchange);
       }
-      curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+      if (done < kRequests) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
     }
   });
+  for (Exchange& exchange : exchanges) curl_easy_cleanup(exchange.easy);
   curl_multi_cleanup(multi);
   if (failures > 0) state.SkipWithError("requests failed");
 }
@@ -236,7 +320,22 @@ pid_t startServerProcess() {
     vkq::testing::TestServer::Options options;
     options.threads = 2 * kInFlight;
     vkq::testing::TestServer server(options);
-    server.answer("/small", vkq::testing::ScriptedAnswer(200, std::string(64, 'x')).type("application/octet-stream"));
+    // /small counts the connections its requests come over; /connections tells the
+    // count and starts it afresh.
+    std::mutex mutex;
+    std::set<int> clientPorts;
+    server.handle("/small", [&](const httplib::Request& request, httplib::Response& response) {
+      {
+        std::lock_guard lock(mutex);
+        clientPorts.insert(request.remote_port);
+      }
+      response.set_content(std::string(kSmallSize, 'x'), "application/octet-stream");
+    });
+    server.handle("/connections", [&](const httplib::Request&, httplib::Response& response) {
+      std::lock_guard lock(mutex);
+      response.set_content(std::to_string(clientPorts.size()), "text/plain");
+      clientPorts.clear();
+    });
     server.serveFile("/large", workFolder / "large.bin", vkq::testing::FileOptions().withETag("\"large\""));
     const int port = server.port();
     if (write(portPipe[1], &port, sizeof port) != sizeof port) _exit(1);
