@@ -22,6 +22,18 @@ EasyHandle::~EasyHandle() {
   curl_slist_free_all(headers_);
 }
 
+void EasyHandle::reuse() {
+  curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, nullptr);
+  curl_slist_free_all(headers_);
+  headers_ = nullptr;
+  errorBuffer_[0] = '\0';
+}
+
+void EasyHandle::setReceiveBufferSize(long bytes) {
+  curl_easy_setopt(handle_, CURLOPT_BUFFERSIZE, bytes);
+  if (bytes > CURL_MAX_WRITE_SIZE) largeReceiveBuffer_ = true;
+}
+
 void EasyHandle::addHeader(std::string_view name, std::string_view value) {
   std::string line(name);
   // "Name;" is libcurl's spelling of a field sent with an empty value; "Name:" would

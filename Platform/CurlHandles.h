@@ -1,8 +1,8 @@
 // RAII owners of libcurl handles, internal to the transport.
 //
 // An EasyHandle owns the easy handle together with its request header list and its
-// error buffer, so the three live and die together. Not thread-safe: a handle is used
-// by one thread at a time.
+// error buffer, so the three live and die together; reuse() readies it for another
+// exchange. Not thread-safe: a handle is used by one thread at a time.
 #pragma once
 
 #include <memory>
@@ -25,6 +25,15 @@ class EasyHandle {
 
   CURL* get() const { return handle_; }
 
+  // Readies the handle for another exchange: drops the header list and the error
+  // text. Every other option stays as the last exchange left it (libcurl keeps its
+  // receive buffer and connection cache links too), so the next user sets each
+  // option it varies.
+  void reuse();
+  // Sets libcurl's receive buffer size (CURLOPT_BUFFERSIZE) for the next exchange.
+  void setReceiveBufferSize(long bytes);
+  // True once the receive buffer was set larger than libcurl's default.
+  bool hasLargeReceiveBuffer() const { return largeReceiveBuffer_; }
   // Appends "Name: value" to the header list sent with the request.
   void addHeader(std::string_view name, std::string_view value);
   // Keeps libcurl from sending a field it would add by itself (e.g. "Expect").
@@ -40,6 +49,7 @@ class EasyHandle {
   CURL* handle_;
   curl_slist* headers_ = nullptr;
   char errorBuffer_[CURL_ERROR_SIZE] = {};
+  bool largeReceiveBuffer_ = false;
 };
 
 struct MultiHandleDeleter {

@@ -2,6 +2,8 @@
 
 #include <thread>
 
+#include "Platform/SessionTransfer.h"
+
 namespace vkq::platform {
 
 void CompletionOutbox::flush() {
@@ -22,7 +24,8 @@ void CompletionOutbox::flush() {
 SessionEngine::SessionEngine()
     : completionQueue_(std::make_unique<SerialQueue>("vkq.completion")),
       outbox_(std::make_unique<CompletionOutbox>(*completionQueue_)),
-      worker_(std::make_unique<TransferWorker>([outbox = outbox_.get()] { outbox->flush(); })),
+      worker_(std::make_unique<TransferWorker>([outbox = outbox_.get()] { outbox->flush(); },
+                                               &SessionTransfer::prepareHandle)),
       responseSerializer_(std::make_shared<ResponseSerializerSlot>()) {
   responseSerializer_->set(HTTPResponseSerializer::serializer());
 }

@@ -105,7 +105,7 @@ void SessionTransfer::postToCompletionQueue(std::function<void()> job) {
   if (const auto engine = engine_.lock()) engine->completionQueue().async(std::move(job));
 }
 
-bool SessionTransfer::start(CURLSH* share) noexcept {
+bool SessionTransfer::start(EasyHandle& easy) noexcept {
   try {
     if (!request_ || !request_->url) {
       conclude(makeTransportError(kURLErrorBadURL, "The request has no URL.", ""), false);
@@ -133,18 +133,18 @@ bool SessionTransfer::start(CURLSH* share) noexcept {
     response_.reset();
     abortError_.reset();
     expectedLength_ = -1;
-    easy_ = std::make_unique<EasyHandle>();
-    configure(*sent_, share);
+    easy_ = &easy;
+    configure(*sent_);
     return true;
   } catch (const std::exception& failure) {
+    easy_ = nullptr;
     conclude(makeTransportError(kURLErrorUnknown, failure.what(), failingURL()), false);
     return false;
   }
 }
 
-void SessionTransfer::configure(const URLRequest& request, CURLSH* share) {
-  CURL* handle = easy_->get();
-  curl_easy_setopt(handle, CURLOPT_URL, request.url->absoluteString().c_str());
+void SessionTransfer::prepareHandle(EasyHandle& easy, CURLSH* share) {
+  CURL* handle = easy.get();
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
@@ -154,12 +154,28 @@ void SessionTransfer::configure(const URLRequest& request, CURLSH* share) {
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
   curl_easy_setopt(handle, CURLOPT_SHARE, share);
   curl_easy_setopt(handle, CURLOPT_COOKIEFILE, "");  // cookie engine on, nothing read from disk
-  if (receiveBufferSize_ > 0) curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, receiveBufferSize_);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &SessionTransfer::onHeader);
-  curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &SessionTransfer::onBody);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &SessionTransfer::onProgress);
+}
 
+void SessionTransfer::configure(const URLRequest& request) {
+  // Sets every option prepareHandle() leaves out, so that nothing of an earlier
+  // exchange on the same handle stays.
+  CURL* handle = easy_->get();
+  curl_easy_setopt(handle, CURLOPT_URL, request.url->absoluteString().c_str());
+  easy_->setReceiveBufferSize(receiveBufferSize_ > 0 ? receiveBufferSize_ : CURL_MAX_WRITE_SIZE);
+  curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
+
+  // The method and body: first back to a GET without a body (HTTPGET after
+  // POSTFIELDS, which switches to POST), then what the request asks for.
+  curl_easy_setopt(handle, CURLOPT_POSTFIELDS, nullptr);
+  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{-1});
+  curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, nullptr);
+  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
+  curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
   const std::string& method = request.HTTPMethod;
   if (request.HTTPBody) {
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.HTTPBody->size()));
@@ -167,16 +183,12 @@ void SessionTransfer::configure(const URLRequest& request, CURLSH* share) {
     if (method != "POST") curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
     // Upload progress also counts as activity for the idle time-out.
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &SessionTransfer::onProgress);
-    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
-  } else if (method == "GET") {
-    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
   } else if (method == "HEAD") {
     curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
   } else if (method == "POST") {
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, 0L);
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, "");
-  } else {
+  } else if (method != "GET") {
     curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
   }
 
@@ -235,7 +247,10 @@ ErrorPtr SessionTransfer::takeResponse() {
   curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
 
   auto response = std::make_shared<HTTPResponse>();
-  if (effectiveURL != nullptr) response->url = URL::URLWithString(effectiveURL);
+  if (effectiveURL != nullptr) {
+    // Without a redirect this is the URL sent, already parsed.
+    response->url = effectiveURL == sent_->url->absoluteString() ? sent_->url : URL::URLWithString(effectiveURL);
+  }
   response->statusCode = static_cast<int>(status);
   response->allHeaderFields = std::move(headerFields_);
   response_ = response;
@@ -318,14 +333,12 @@ bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexc
         error = outcomeOfExchange(code);
         break;
     }
-    // The handle goes now: it must not outlive the worker's share handle, and a
-    // restart gets a fresh one.
-    easy_.reset();
+    easy_ = nullptr;  // back to the worker once this returns; a restart gets one anew
     if (reason == TransferWorker::EndReason::Done && sink_->shouldRestart()) return true;
     if (!error && hasUploadProgress_ && uploaded_ > 0) reportUpload(uploaded_, uploadTotal_, true);
     conclude(std::move(error), cancelled);
   } catch (const std::exception& failure) {
-    easy_.reset();
+    easy_ = nullptr;
     try {
       conclude(makeTransportError(kURLErrorUnknown, failure.what(), failingURL()), false);
     } catch (...) {

@@ -100,8 +100,11 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   void postToCompletionQueue(std::function<void()> job);
 
   // TransferWorker::Transfer
-  bool start(CURLSH* share) noexcept override;
-  CURL* easyHandle() noexcept override { return easy_ ? easy_->get() : nullptr; }
+  bool start(EasyHandle& easy) noexcept override;
+
+  // Worker thread: sets the options that every exchange shares on a new easy handle
+  // (protocols, redirects, decoding, cookies through `share`, the callbacks).
+  static void prepareHandle(EasyHandle& easy, CURLSH* share);
   bool end(TransferWorker::EndReason reason, CURLcode code) noexcept override;
 
  private:
@@ -110,7 +113,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded);
 
   // Worker thread.
-  void configure(const URLRequest& request, CURLSH* share);
+  void configure(const URLRequest& request);
   std::size_t receiveHeader(std::string_view line);
   std::size_t receiveBody(const char* data, std::size_t length);
   ErrorPtr takeResponse();
@@ -140,7 +143,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   ProgressBlock downloadProgress_;
 
   // Worker thread (or the cancelling thread of a task that never started).
-  std::unique_ptr<EasyHandle> easy_;
+  EasyHandle* easy_ = nullptr;  // the worker's, lent from start() until end() returns
   std::optional<URLRequest> sent_;
   HTTPHeaders headerFields_;
   std::shared_ptr<const HTTPResponse> response_;

@@ -11,11 +11,18 @@ namespace {
 // Longest sleep of the worker, so that idle deadlines are looked at now and then even
 // when libcurl has nothing to say.
 constexpr std::chrono::milliseconds kMaximumPoll{1000};
+// Idle easy handles kept for reuse; enough for a busy session's turnover, while a
+// burst of many transfers does not leave as many handles behind.
+constexpr std::size_t kMaximumIdleHandles = 64;
 
 }  // namespace
 
-TransferWorker::TransferWorker(std::function<void()> beforeWait)
-    : beforeWait_(std::move(beforeWait)), multi_(makeMultiHandle()), share_(makeShareHandle()) {
+TransferWorker::TransferWorker(std::function<void()> beforeWait, HandlePreparation prepareHandle)
+    : beforeWait_(std::move(beforeWait)),
+      prepareHandle_(std::move(prepareHandle)),
+      multi_(makeMultiHandle()),
+      share_(makeShareHandle()) {
+  idleHandles_.reserve(kMaximumIdleHandles);  // keepHandle() never allocates
   // The share handle is only used on the worker thread, so it needs no lock callbacks.
   curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
   curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
@@ -94,32 +101,74 @@ void TransferWorker::apply(Command& command) {
     begin(command.transfer);
     return;
   }
-  CURL* easy = command.transfer->easyHandle();
-  const auto it = running_.find(easy);
-  if (it != running_.end() && it->second == command.transfer) finish(easy, EndReason::Cancelled, CURLE_OK);
+  CURL* easy = command.transfer->runningHandle_;
+  if (easy != nullptr) finish(easy, EndReason::Cancelled, CURLE_OK);
 }
 
 void TransferWorker::begin(const std::shared_ptr<Transfer>& transfer) {
   transfer->lastActivity = Clock::now();
-  if (!transfer->start(share_.get())) return;
-  CURL* easy = transfer->easyHandle();
-  running_[easy] = transfer;
-  curl_multi_add_handle(multi_.get(), easy);
+  std::unique_ptr<EasyHandle> easy = takeHandle();
+  if (!easy) {
+    if (transfer->end(EndReason::Done, CURLE_OUT_OF_MEMORY)) begin(transfer);
+    return;
+  }
+  if (!transfer->start(*easy)) {
+    keepHandle(std::move(easy));
+    return;
+  }
+  CURL* handle = easy->get();
+  transfer->runningHandle_ = handle;
+  running_.emplace(handle, Running{transfer, std::move(easy)});
+  curl_multi_add_handle(multi_.get(), handle);
+  if (running_.size() > mostRunning_) {
+    // By default libcurl keeps 4 connections per handle in the multi handle. A
+    // handle leaves it when its exchange ends, before the application's next
+    // request comes, and the dip would close connections that keep-alive is to
+    // reuse: so count the most handles there were at once instead.
+    mostRunning_ = running_.size();
+    curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, static_cast<long>(4 * mostRunning_));
+  }
 }
 
 void TransferWorker::finish(CURL* easy, EndReason reason, CURLcode code) {
   const auto it = running_.find(easy);
   if (it == running_.end()) return;
-  std::shared_ptr<Transfer> transfer = std::move(it->second);
+  Running running = std::move(it->second);
   running_.erase(it);
   curl_multi_remove_handle(multi_.get(), easy);
-  if (transfer->end(reason, code)) begin(transfer);
+  running.transfer->runningHandle_ = nullptr;
+  const bool again = running.transfer->end(reason, code);
+  keepHandle(std::move(running.easy));
+  if (again) begin(running.transfer);
+}
+
+std::unique_ptr<EasyHandle> TransferWorker::takeHandle() noexcept {
+  if (!idleHandles_.empty()) {
+    std::unique_ptr<EasyHandle> easy = std::move(idleHandles_.back());
+    idleHandles_.pop_back();
+    return easy;
+  }
+  try {
+    auto easy = std::make_unique<EasyHandle>();
+    prepareHandle_(*easy, share_.get());
+    return easy;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+void TransferWorker::keepHandle(std::unique_ptr<EasyHandle> easy) {
+  // A handle that grew a large receive buffer (downloads) would hold on to it.
+  if (idleHandles_.size() >= kMaximumIdleHandles || easy->hasLargeReceiveBuffer()) return;
+  easy->reuse();
+  idleHandles_.push_back(std::move(easy));
 }
 
 TransferWorker::Clock::duration TransferWorker::expireIdle(Clock::duration limit) {
   const auto now = Clock::now();
   std::vector<CURL*> expired;
-  for (const auto& [easy, transfer] : running_) {
+  for (const auto& [easy, running] : running_) {
+    const auto& transfer = running.transfer;
     if (transfer->idleTimeout == Clock::duration::zero()) continue;
     const auto deadline = transfer->lastActivity + transfer->idleTimeout;
     if (deadline <= now) {

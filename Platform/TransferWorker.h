@@ -3,8 +3,10 @@
 //
 // Transfers are handed over with add() and stopped with cancel() from any thread; all
 // of a transfer's hooks run on the worker thread. The worker also owns the share
-// handle through which its transfers share cookies, DNS answers and TLS sessions, and
-// enforces each transfer's idle time-out.
+// handle through which its transfers share cookies, DNS answers and TLS sessions, lends
+// each running transfer an easy handle (kept and lent again afterwards, so that an
+// exchange does not pay for making and configuring a new one), and enforces each
+// transfer's idle time-out.
 #pragma once
 
 #include <chrono>
@@ -14,6 +16,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include <curl/curl.h>
 
@@ -37,25 +40,35 @@ class TransferWorker {
    public:
     virtual ~Transfer() = default;
 
-    // Worker thread: configures the easy handle (the share handle is the worker's).
-    // False when the transfer cannot start; it has then finished by itself and the
-    // worker drops it.
-    virtual bool start(CURLSH* share) noexcept = 0;
-    // Worker thread: the easy handle to drive; valid between start() and end().
-    virtual CURL* easyHandle() noexcept = 0;
+    // Worker thread: configures `easy` for this exchange. The worker lends the handle
+    // until end() has returned; it comes with the worker's HandlePreparation done and
+    // otherwise with the options the previous exchange on it set, so a transfer sets
+    // every option it varies. False when the transfer cannot start; it has then
+    // finished by itself and the worker drops it.
+    virtual bool start(EasyHandle& easy) noexcept = 0;
     // Worker thread: the exchange ended; the easy handle is no longer in the multi
-    // handle. True asks the worker to start() the transfer again (a restarted download).
+    // handle but may still be read. True asks the worker to start() the transfer again
+    // (a restarted download). Also called without start() when no easy handle could be
+    // made (CURLE_OUT_OF_MEMORY).
     virtual bool end(EndReason reason, CURLcode code) noexcept = 0;
 
     // Set by the transfer's callbacks whenever data moves (worker thread only).
     Clock::time_point lastActivity;
     // Zero: no idle time-out.
     Clock::duration idleTimeout{};
+
+   private:
+    friend class TransferWorker;
+    CURL* runningHandle_ = nullptr;  // worker thread: the lent handle while it runs
   };
+
+  // Sets the options shared by every exchange on a new easy handle (worker thread);
+  // the share handle is the worker's.
+  using HandlePreparation = std::function<void(EasyHandle& easy, CURLSH* share)>;
 
   // `beforeWait` runs on the worker thread whenever it has handled what was pending and
   // is about to wait, and once more after the last transfer has ended.
-  explicit TransferWorker(std::function<void()> beforeWait);
+  TransferWorker(std::function<void()> beforeWait, HandlePreparation prepareHandle);
   // Ends the transfers still running with EndReason::Cancelled, then joins the thread.
   ~TransferWorker();
   TransferWorker(const TransferWorker&) = delete;
@@ -79,11 +92,16 @@ class TransferWorker {
   void apply(Command& command);
   void begin(const std::shared_ptr<Transfer>& transfer);
   void finish(CURL* easy, EndReason reason, CURLcode code);
+  // A handle to lend: an idle one, or a new one (null when none can be made).
+  std::unique_ptr<EasyHandle> takeHandle() noexcept;
+  // Keeps a handle whose transfer is over for the next one, unless enough are idle.
+  void keepHandle(std::unique_ptr<EasyHandle> easy);
   // Ends the transfers that were idle too long; returns the time until the next
   // idle deadline (or `limit`).
   Clock::duration expireIdle(Clock::duration limit);
 
   const std::function<void()> beforeWait_;
+  const HandlePreparation prepareHandle_;
   MultiHandle multi_;
   ShareHandle share_;
 
@@ -91,8 +109,15 @@ class TransferWorker {
   std::deque<Command> commands_;  // guarded by mutex_
   bool stopping_ = false;         // guarded by mutex_
 
-  // Worker thread only: running transfers by easy handle.
-  std::unordered_map<CURL*, std::shared_ptr<Transfer>> running_;
+  struct Running {
+    std::shared_ptr<Transfer> transfer;
+    std::unique_ptr<EasyHandle> easy;
+  };
+  // Worker thread only: running transfers by easy handle, and handles ready for reuse
+  // (declared after share_, so they go before it).
+  std::unordered_map<CURL*, Running> running_;
+  std::vector<std::unique_ptr<EasyHandle>> idleHandles_;
+  std::size_t mostRunning_ = 0;
 
   std::thread thread_;
 };
