@@ -12,7 +12,6 @@ TEST(HTTPHeaders, NamesAreCaseInsensitiveAndKeepTheirFirstSpellingAndPlace) {
   headers.set("content-type", "application/json");
   headers.set("x-b", "2");
   EXPECT_EQ(headers.value("CONTENT-TYPE"), "application/json");
-  ASSERT_EQ(headers.size(), 3u);
   const std::vector<HTTPHeaders::Field> expected{{"Content-Type", "application/json"}, {"X-A", "1"}, {"x-b", "2"}};
   EXPECT_EQ(std::vector<HTTPHeaders::Field>(headers.begin(), headers.end()), expected);
   headers.remove("X-a");
@@ -37,14 +36,15 @@ TEST(HTTPHeaders, DescriptionIsASortedDictionaryQuotingOnlyWhatNeedsIt) {
 TEST(HTTPHeaders, SafeTextHasNoLineBreaksOrNul) {
   EXPECT_TRUE(isSafeHeaderText("text/plain; charset=utf-8"));
   EXPECT_TRUE(isSafeHeaderText(""));
-  EXPECT_FALSE(isSafeHeaderText("a\r\nX-Injected: 1"));
-  EXPECT_FALSE(isSafeHeaderText("a\nb"));
-  EXPECT_FALSE(isSafeHeaderText("a\rb"));
-  EXPECT_FALSE(isSafeHeaderText(std::string_view("a\0b", 3)));
+  using namespace std::string_view_literals;
+  for (const std::string_view bad : {"a\r\nX-Injected: 1"sv, "a\nb"sv, "a\rb"sv, "a\0b"sv}) {
+    EXPECT_FALSE(isSafeHeaderText(bad)) << bad;
+  }
 }
 
-TEST(HTTPResponse, MIMETypeAndContentLength) {
-  HTTPResponse response;
+TEST(HTTPResponse, DescribesItselfAndReadsMIMETypeAndContentLengthLeniently) {
+  HTTPResponse response{URL::URLWithString("http://h/x"), 404, {{"Server", "t"}}};
+  EXPECT_EQ(response.description(), "<HTTPResponse> { URL: http://h/x } { Status Code: 404, Headers {\n    Server = t;\n} }");
   EXPECT_EQ(response.MIMEType(), std::nullopt);
   EXPECT_EQ(response.expectedContentLength(), -1);
   response.allHeaderFields = {{"content-type", " Application/JSON ; charset=UTF-8"}, {"Content-Length", "42"}};
@@ -56,11 +56,6 @@ TEST(HTTPResponse, MIMETypeAndContentLength) {
   }
   response.allHeaderFields.set("Content-Type", ";charset=utf-8");
   EXPECT_EQ(response.MIMEType(), std::nullopt);
-}
-
-TEST(HTTPResponse, DescriptionNamesURLStatusAndHeaders) {
-  HTTPResponse response{URL::URLWithString("http://h/x"), 404, {{"Server", "t"}}};
-  EXPECT_EQ(response.description(), "<HTTPResponse> { URL: http://h/x } { Status Code: 404, Headers {\n    Server = t;\n} }");
 }
 
 }  // namespace

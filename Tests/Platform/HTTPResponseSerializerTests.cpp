@@ -5,151 +5,96 @@
 namespace vkq::platform {
 namespace {
 
-HTTPResponse answer(int status, std::optional<std::string> contentType = "application/json") {
-  HTTPResponse response;
-  response.url = URL::URLWithString("https://h/api");
-  response.statusCode = status;
-  if (contentType) response.allHeaderFields.set("Content-Type", *contentType);
+// An answer from https://h/api; a null type sends no Content-Type.
+HTTPResponse answer(int status, const char* contentType = "application/json") {
+  HTTPResponse response{URL::URLWithString("https://h/api"), status, {}};
+  if (contentType) response.allHeaderFields.set("Content-Type", contentType);
   return response;
 }
 
-Object body(std::string_view text) { return Object(bytesFromString(text)); }
-
-TEST(ResponseSerializer, StatusValidation) {
+TEST(ResponseSerializer, StatusesOutside2xxFailWithTheirReasonPhrase) {
   const auto serializer = HTTPResponseSerializer::serializer();
-  struct Case {
-    int status;
-    const char* description;  // null when accepted
-  };
-  const Case cases[] = {
+  const std::pair<int, const char*> cases[] = {  // status, description (null when accepted)
       {200, nullptr},
-      {204, nullptr},
       {299, nullptr},
-      {199, "Request failed: informational (199)"},
+      {0, "Request failed: server error (0)"},
+      {199, "Request failed: informational (199)"},  // phrases of unlisted statuses follow their class
       {304, "Request failed: not modified (304)"},
+      {401, "Request failed: unauthorized (401)"},
       {404, "Request failed: not found (404)"},
+      {429, "Request failed: too many requests (429)"},
+      {499, "Request failed: client error (499)"},
       {500, "Request failed: internal server error (500)"},
       {599, "Request failed: server error (599)"},
   };
-  for (const auto& c : cases) {
-    const HTTPResponse response = answer(c.status);
+  const Object body(bytesFromString("{}"));
+  for (const auto& [status, description] : cases) {
+    const HTTPResponse response = answer(status);
     ErrorPtr error;
-    const Object data = body("{}");
-    EXPECT_EQ(serializer->validateResponse(&response, data, &error), c.description == nullptr) << c.status;
-    if (c.description == nullptr) {
-      EXPECT_FALSE(error) << c.status;
+    EXPECT_EQ(serializer->validateResponse(&response, body, &error), description == nullptr) << status;
+    if (description == nullptr) {
+      EXPECT_FALSE(error) << status;
       continue;
     }
-    ASSERT_TRUE(error) << c.status;
+    ASSERT_TRUE(error) << status;
     EXPECT_EQ(error->domain(), kURLErrorDomain);
     EXPECT_EQ(error->code(), kURLErrorBadServerResponse);
-    EXPECT_EQ(error->localizedDescription(), c.description);
-    ASSERT_TRUE(error->userInfo().response);
-    EXPECT_EQ(error->userInfo().response->statusCode, c.status);
-    EXPECT_EQ(error->userInfo().responseData, bytesFromString("{}"));
+    EXPECT_EQ(error->localizedDescription(), description);
+    EXPECT_EQ(error->userInfo().response->statusCode, status);
+    EXPECT_EQ(error->userInfo().responseData, *body.data());
     EXPECT_EQ(error->userInfo().failingURL, "https://h/api");
   }
+  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(200), "no error");
   // Absent codes accept every status; an absent response always passes.
   serializer->setAcceptableStatusCodes(std::nullopt);
   const HTTPResponse failed = answer(500);
-  EXPECT_TRUE(serializer->validateResponse(&failed, body("x"), nullptr));
-  EXPECT_TRUE(HTTPResponseSerializer().validateResponse(nullptr, body("x"), nullptr));
+  EXPECT_TRUE(serializer->validateResponse(&failed, body, nullptr));
+  EXPECT_TRUE(HTTPResponseSerializer().validateResponse(nullptr, body, nullptr));
 }
 
-TEST(ResponseSerializer, ReasonPhrasesOfCommonStatuses) {
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(200), "no error");
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(401), "unauthorized");
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(429), "too many requests");
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(503), "service unavailable");
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(299), "success");
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(399), "redirected");
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(499), "client error");
-  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(0), "server error");
-}
-
-TEST(ResponseSerializer, ContentTypeIsCheckedAfterTheStatusAndOnlyWhenItMatters) {
-  HTTPResponseSerializer serializer;
-  serializer.setAcceptableContentTypes(std::set<std::string>{"application/json"});
-  const HTTPResponse html = answer(200, "text/html; charset=utf-8");
-  ErrorPtr error;
-  EXPECT_FALSE(serializer.validateResponse(&html, body("<p>"), &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), kURLErrorCannotDecodeContentData);
-  EXPECT_EQ(error->localizedDescription(), "Request failed: unacceptable content-type: text/html");
-  // An empty body also fails when the type is named.
-  EXPECT_FALSE(serializer.validateResponse(&html, Object(), nullptr));
-  // No type and no body: nothing to check; no type with a body: refused.
-  const HTTPResponse untyped = answer(200, std::nullopt);
-  EXPECT_TRUE(serializer.validateResponse(&untyped, body(""), nullptr));
-  error = nullptr;
-  EXPECT_FALSE(serializer.validateResponse(&untyped, body("x"), &error));
-  EXPECT_EQ(error->localizedDescription(), "Request failed: unacceptable content-type: (null)");
-  // A bad status is reported before a bad type.
-  const HTTPResponse both = answer(500, "text/html");
-  error = nullptr;
-  EXPECT_FALSE(serializer.validateResponse(&both, body("<p>"), &error));
-  EXPECT_EQ(error->code(), kURLErrorBadServerResponse);
-  // The base serializer accepts every type by default.
-  EXPECT_TRUE(HTTPResponseSerializer().validateResponse(&html, body("<p>"), nullptr));
-}
-
-TEST(ResponseSerializer, BaseReturnsTheRawBodyEvenWhenValidationFails) {
-  const HTTPResponse notFound = answer(404);
-  ErrorPtr error;
-  const Object data = body("missing");
-  EXPECT_EQ(HTTPResponseSerializer().responseObjectForResponse(&notFound, data, &error), data);
-  EXPECT_TRUE(error);
-}
-
-TEST(JSONResponseSerializer, ParsesValidAnswers) {
+TEST(JSONResponseSerializer, ParsesValidAnswersAndRefusesMalformedWronglyTypedOrFailedOnes) {
   const JSONResponseSerializer serializer;
-  for (const char* type : {"application/json", "text/json", "text/javascript; charset=utf-8", "Application/JSON"}) {
-    const HTTPResponse response = answer(200, type);
+  const std::tuple<int, const char*, const char*, const char*, std::int64_t> cases[] = {
+      // Status, Content-Type, body (null: none), the object parsed from it (null: absent), error code.
+      {200, "application/json", R"({"a":[1,2],"b":null})", R"({"a":[1,2],"b":null})", 0},
+      {200, "text/json", "[1]", "[1]", 0},
+      {200, "text/javascript; charset=utf-8", "1", "1", 0},
+      {200, "Application/JSON", "\"s\"", "\"s\"", 0},
+      // Empty answers give nothing, without an error.
+      {204, "application/json", nullptr, nullptr, 0},
+      {200, "application/json", "", nullptr, 0},
+      {200, "application/json", " ", nullptr, 0},
+      {200, nullptr, nullptr, nullptr, 0},  // no type and no body: nothing to check
+      // Malformed.
+      {200, "application/json", "{", nullptr, kURLErrorCannotDecodeContentData},
+      {200, "application/json", R"({"a":})", nullptr, kURLErrorCannotDecodeContentData},
+      {200, "application/json", "  ", nullptr, kURLErrorCannotDecodeContentData},  // only one space counts as empty
+      {200, "application/json", "[1,2]x", nullptr, kURLErrorCannotDecodeContentData},
+      // Refused by validation, so not parsed: the status first, then the type.
+      {200, "text/html", R"({"a":1})", nullptr, kURLErrorCannotDecodeContentData},
+      {200, "text/html", nullptr, nullptr, kURLErrorCannotDecodeContentData},  // a named type is checked
+      {200, nullptr, "{}", nullptr, kURLErrorCannotDecodeContentData},         // a body without a type
+      {500, "text/html", R"({"a":1})", nullptr, kURLErrorBadServerResponse},
+  };
+  for (const auto& [status, type, text, json, code] : cases) {
+    SCOPED_TRACE(std::string(type ? type : "(no type) ") + (text ? text : "(no body)"));
+    const HTTPResponse response = answer(status, type);
+    const Object data = text ? Object(bytesFromString(text)) : Object();
     ErrorPtr error;
-    const Object result = serializer.responseObjectForResponse(&response, body(R"({"a":[1,2],"b":null})"), &error);
-    EXPECT_FALSE(error) << type;
-    ASSERT_TRUE(result.isJSON()) << type;
-    EXPECT_EQ(result.json(), JSON::parse(R"({"a":[1,2],"b":null})"));
+    const Object result = serializer.responseObjectForResponse(&response, data, &error);
+    EXPECT_EQ(result, json ? Object(JSON::parse(json)) : Object());
+    EXPECT_EQ(error ? error->code() : 0, code);
+    if (error && text) {
+      EXPECT_EQ(error->userInfo().responseData, bytesFromString(text));  // the body travels with the error
+    }
+    EXPECT_EQ(serializer.responseObjectForResponse(&response, data, nullptr), result);
   }
-}
-
-TEST(JSONResponseSerializer, EmptyAnswersGiveNothingWithoutAnError) {
-  const JSONResponseSerializer serializer;
-  const HTTPResponse noContent = answer(204);
-  for (const Object& data : {Object(), body(""), body(" ")}) {
-    ErrorPtr error;
-    EXPECT_TRUE(serializer.responseObjectForResponse(&noContent, data, &error).isNull());
-    EXPECT_FALSE(error);
-  }
-}
-
-TEST(JSONResponseSerializer, MalformedJSONIsAnError) {
-  const JSONResponseSerializer serializer;
-  const HTTPResponse response = answer(200);
-  for (const char* text : {"{", "{\"a\":}", "  ", "nul", "[1,2]x"}) {
-    ErrorPtr error;
-    EXPECT_TRUE(serializer.responseObjectForResponse(&response, body(text), &error).isNull()) << text;
-    ASSERT_TRUE(error) << text;
-    EXPECT_EQ(error->domain(), kURLErrorDomain);
-    EXPECT_EQ(error->code(), kURLErrorCannotDecodeContentData);
-    EXPECT_EQ(error->userInfo().responseData, bytesFromString(text));
-    EXPECT_TRUE(serializer.responseObjectForResponse(&response, body(text), nullptr).isNull());
-  }
-}
-
-TEST(JSONResponseSerializer, ValidationFailuresAreNotParsed) {
-  const JSONResponseSerializer serializer;
-  const HTTPResponse wrongType = answer(200, "text/html");
+  const HTTPResponse html = answer(200, "text/html; charset=utf-8"), untyped = answer(200, nullptr);
   ErrorPtr error;
-  EXPECT_TRUE(serializer.responseObjectForResponse(&wrongType, body("{\"a\":1}"), &error).isNull());
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->localizedDescription(), "Request failed: unacceptable content-type: text/html");
-
-  const HTTPResponse serverError = answer(500);
-  error = nullptr;
-  EXPECT_TRUE(serializer.responseObjectForResponse(&serverError, body("{\"a\":1}"), &error).isNull());
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), kURLErrorBadServerResponse);
+  serializer.responseObjectForResponse(&html, Object(bytesFromString("<p>")), &error);
+  EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: text/html");
+  serializer.responseObjectForResponse(&untyped, Object(bytesFromString("<p>")), &error);
+  EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: (null)");
 }
 
 }  // namespace

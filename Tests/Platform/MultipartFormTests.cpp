@@ -1,53 +1,16 @@
 #include <gtest/gtest.h>
-#include <httplib.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <thread>
 
 #include "Platform/HTTPRequestSerializer.h"
 #include "Platform/MultipartFormBuilder.h"
+#include "Tests/Platform/TransportTesting.h"
+#include "Tests/Support/TestServer.h"
 
 namespace vkq::platform {
 namespace {
 
-struct Part {
-  std::string name, content, fileName, contentType;
-  friend bool operator==(const Part&, const Part&) = default;
-};
-
-// Sends a body to an in-process server and returns the parts its multipart parser found.
-std::vector<Part> partsParsedByServer(const std::string& contentType, const Bytes& body) {
-  httplib::Server server;
-  std::vector<Part> parts;
-  server.Post("/upload", [&parts](const httplib::Request& request, httplib::Response& response) {
-    for (const auto& [key, file] : request.files) parts.push_back({file.name, file.content, file.filename, file.content_type});
-    response.status = 204;
-  });
-  const int port = server.bind_to_any_port("127.0.0.1");  // listening from here on
-  std::thread thread([&server] { server.listen_after_bind(); });
-  httplib::Client client("127.0.0.1", port);
-  const auto result = client.Post("/upload", reinterpret_cast<const char*>(body.data()), body.size(), contentType);
-  server.stop();
-  thread.join();
-  EXPECT_TRUE(result && result->status == 204);
-  std::sort(parts.begin(), parts.end(), [](const Part& a, const Part& b) { return a.name < b.name; });
-  return parts;
-}
-
-class TemporaryFile {
- public:
-  TemporaryFile(const std::string& name, const std::string& content)
-      : path_(std::filesystem::temp_directory_path() / ("vkq-" + std::to_string(::getpid()) + "-" + name)) {
-    std::ofstream(path_, std::ios::binary) << content;
-  }
-  ~TemporaryFile() { std::filesystem::remove(path_); }
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
+using vkq::testing::runToEnd;
+using vkq::testing::ScratchFolder;
+using vkq::testing::TestServer;
 
 TEST(MultipartForm, FramesEveryPartBetweenBoundaries) {
   MultipartFormBuilder form("B");
@@ -60,54 +23,54 @@ TEST(MultipartForm, FramesEveryPartBetweenBoundaries) {
             "Content-Type: text/plain\r\n\r\nx\r\ny\r\n"
             "--B--\r\n");
   EXPECT_EQ(stringFromBytes(MultipartFormBuilder("B").body()), "--B--\r\n");
+  EXPECT_NE(MultipartFormBuilder().boundary(), MultipartFormBuilder().boundary());
 }
 
-TEST(MultipartForm, RequestBodyParsesBackIntoItsParts) {
-  const TemporaryFile file("photo.JPG", std::string("\xff\xd8\0\r\n--binary", 12));
-  const auto serializer = HTTPRequestSerializer::serializer();
+TEST(MultipartForm, RequestBodyIsParsedBackIntoItsPartsByTheServer) {
+  ScratchFolder folder;
+  const std::string photo("\xff\xd8\0\r\n--binary", 12);
+  vkq::testing::writeFile(folder / "photo.JPG", photo);
+  TestServer server;
+  // Answers with the parts its multipart parser found, in name order, one line each.
+  server.handle("/upload", [](const httplib::Request& request, httplib::Response& response) {
+    std::string parts;
+    for (const auto& [name, part] : request.files) {
+      parts += part.name + "|" + part.filename + "|" + part.content_type + "|" + part.content + "\n";
+    }
+    response.set_content(parts, "text/plain");
+  });
   ErrorPtr error;
-  const auto request = serializer->multipartFormRequestWithMethod(
-      "POST", "https://h/upload", Object(JSON{{"user", {{"id", 7}}}, {"tags", {"a", "b"}}, {"note", nullptr}}),
-      [&file](MultipartFormData& form) {
+  const auto request = HTTPRequestSerializer::serializer()->multipartFormRequestWithMethod(
+      "POST", server.url("/upload"), Object(JSON{{"user", {{"id", 7}}}, {"tags", {"a", "b"}}, {"note", nullptr}}),
+      [&folder](MultipartFormData& form) {
         form.appendPartWithFileData(Bytes{0, 1, 2, 255}, "blob", "blob.bin", "application/x-test");
-        ErrorPtr fileError;
-        EXPECT_TRUE(form.appendPartWithFileURL(URL::fileURLWithPath(file.path().string()), "photo", &fileError));
+        EXPECT_TRUE(form.appendPartWithFileURL(URL::fileURLWithPath((folder / "photo.JPG").string()), "photo", nullptr));
         form.appendPartWithFormData(bytesFromString("plain text"), "text");
       },
       &error);
   ASSERT_TRUE(request) << (error ? error->description() : "");
-  const std::string contentType = request->valueForHTTPHeaderField("Content-Type").value_or("");
-  ASSERT_TRUE(contentType.starts_with("multipart/form-data; boundary=")) << contentType;
   EXPECT_EQ(request->valueForHTTPHeaderField("Content-Length"), std::to_string(request->HTTPBody->size()));
-  EXPECT_TRUE(request->allHTTPHeaderFields.contains("User-Agent"));
-
-  const std::vector<Part> expected{
-      {"blob", std::string("\0\1\2\xff", 4), "blob.bin", "application/x-test"},
-      {"note", "", "", ""},
-      {"photo", std::string("\xff\xd8\0\r\n--binary", 12), file.path().filename().string(), "image/jpeg"},
-      {"tags[]", "a", "", ""},
-      {"tags[]", "b", "", ""},
-      {"text", "plain text", "", ""},
-      {"user[id]", "7", "", ""},
-  };
-  EXPECT_EQ(partsParsedByServer(contentType, *request->HTTPBody), expected);
-
   // Parameters come first, in key order.
   const std::string body = stringFromBytes(*request->HTTPBody);
   EXPECT_LT(body.find("name=\"note\""), body.find("name=\"tags[]\""));
   EXPECT_LT(body.find("name=\"user[id]\""), body.find("name=\"blob\""));
+
+  const auto outcome = runToEnd(*HTTPSessionManager::manager(), *request);
+  EXPECT_EQ(outcome.error, nullptr);
+  EXPECT_EQ(outcome.body(), "blob|blob.bin|application/x-test|" + std::string("\0\1\2\xff", 4) + "\n" +
+                                "note|||\n"
+                                "photo|photo.JPG|image/jpeg|" + photo + "\n" +
+                                "tags[]|||a\n"
+                                "tags[]|||b\n"
+                                "text|||plain text\n"
+                                "user[id]|||7\n");
 }
 
-TEST(MultipartForm, BoundariesDifferBetweenRequests) {
-  EXPECT_NE(MultipartFormBuilder().boundary(), MultipartFormBuilder().boundary());
-}
-
-TEST(MultipartForm, UnreadableFilesAreReported) {
+TEST(MultipartForm, UnreadableFilesAreReportedAndLeaveTheBodyAlone) {
   MultipartFormBuilder form("B");
-  const auto missing = std::filesystem::temp_directory_path() / "vkq-surely-missing-file";
   const auto folder = std::filesystem::temp_directory_path();
-  for (const URL& url : {URL::fileURLWithPath(missing.string()), URL::fileURLWithPath(folder.string(), true),
-                         *URL::URLWithString("https://h/file.txt")}) {
+  for (const URL& url : {URL::fileURLWithPath((folder / "vkq-surely-missing-file").string()),
+                         URL::fileURLWithPath(folder.string(), true), *URL::URLWithString("https://h/file.txt")}) {
     ErrorPtr error;
     EXPECT_FALSE(form.appendPartWithFileURL(url, "f", &error)) << url.absoluteString();
     ASSERT_TRUE(error);
@@ -119,13 +82,16 @@ TEST(MultipartForm, UnreadableFilesAreReported) {
 }
 
 TEST(MultipartForm, MIMETypesFollowTheExtension) {
-  EXPECT_EQ(MIMETypeForFileName("a.png"), "image/png");
-  EXPECT_EQ(MIMETypeForFileName("A.JPEG"), "image/jpeg");
-  EXPECT_EQ(MIMETypeForFileName("archive.tar.gz"), "application/gzip");
-  EXPECT_EQ(MIMETypeForFileName("data.json"), "application/json");
-  EXPECT_EQ(MIMETypeForFileName("noextension"), "application/octet-stream");
-  EXPECT_EQ(MIMETypeForFileName("x.unknown"), "application/octet-stream");
-  EXPECT_EQ(MIMETypeForFileName("trailingdot."), "application/octet-stream");
+  const std::pair<const char*, const char*> cases[] = {
+      {"a.png", "image/png"},
+      {"A.JPEG", "image/jpeg"},  // extensions in any letter case
+      {"archive.tar.gz", "application/gzip"},
+      {"data.json", "application/json"},
+      {"noextension", "application/octet-stream"},
+      {"x.unknown", "application/octet-stream"},
+      {"trailingdot.", "application/octet-stream"},
+  };
+  for (const auto& [name, type] : cases) EXPECT_EQ(MIMETypeForFileName(name), type) << name;
 }
 
 }  // namespace

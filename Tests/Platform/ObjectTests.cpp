@@ -7,28 +7,25 @@
 namespace vkq::platform {
 namespace {
 
-TEST(Object, CopiesShareTheirBytes) {
+TEST(Object, CopiesShareTheirBytesAndEqualityComparesKindAndContent) {
   const Object original(Bytes{1, 2});
   const Object copy = original;
   copy.data()->push_back(3);
   EXPECT_EQ(*original.data(), (Bytes{1, 2, 3}));
-  EXPECT_EQ(Object(Bytes{1, 2, 3}), original);  // equality compares the bytes
+  EXPECT_EQ(Object(Bytes{1, 2, 3}), original);
   EXPECT_NE(Object(Bytes{1, 2}), original);
-}
-
-TEST(Object, KindsAndCheckedAccess) {
-  EXPECT_TRUE(Object().isNull());
-  EXPECT_FALSE(Object());
-  EXPECT_TRUE(Object(std::shared_ptr<Bytes>()).isNull());
-  EXPECT_TRUE(Object(JSON(nullptr)).isJSON());  // JSON null is a value, not absence
-  const Object url(URL::fileURLWithPath("/tmp/x"));
-  EXPECT_TRUE(url.isURL());
-  EXPECT_THROW(url.json(), std::bad_variant_access);
-  EXPECT_THROW(Object().data(), std::bad_variant_access);
   EXPECT_NE(Object(JSON("a")), Object(bytesFromString("a")));  // same content, other kind
 }
 
-TEST(Object, Description) {
+TEST(Object, AbsenceIsNotJSONNullAndAccessToAnotherKindThrows) {
+  EXPECT_FALSE(Object());
+  EXPECT_TRUE(Object(std::shared_ptr<Bytes>()).isNull());
+  EXPECT_TRUE(Object(JSON(nullptr)).isJSON());
+  EXPECT_THROW(Object(URL::fileURLWithPath("/tmp/x")).json(), std::bad_variant_access);
+  EXPECT_THROW(Object().data(), std::bad_variant_access);
+}
+
+TEST(Object, DescriptionOfEachKind) {
   EXPECT_EQ(Object().description(), "(null)");
   EXPECT_EQ(Object(JSON{{"a", 1}}).description(), "{\"a\":1}");
   EXPECT_EQ(Object(Bytes{0x00, 0x01, 0xab, 0xff, 0x10}).description(), "<0001abff 10>");

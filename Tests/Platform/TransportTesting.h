@@ -1,19 +1,16 @@
 // Helpers shared by the transport tests: outcome collectors that wait with a time
-// limit, request and file makers.
+// limit, a task runner, request makers and scratch files.
 #pragma once
 
-#include <chrono>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
 #include <condition_variable>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <optional>
-#include <string>
+#include <stdexcept>
 #include <thread>
-#include <vector>
-
-#include <unistd.h>
 
 #include "Platform/HTTPSessionManager.h"
 
@@ -31,6 +28,10 @@ class Outcomes {
     values_.push_back(std::move(value));
     changed_.notify_all();
   }
+  // A callback that records its arguments as one T.
+  auto collector() {
+    return [this](auto... arguments) { add(T{std::move(arguments)...}); };
+  }
   bool waitFor(std::size_t count, std::chrono::milliseconds timeout = 20s) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return values_.size() >= count; });
@@ -38,10 +39,6 @@ class Outcomes {
   std::vector<T> all() const {
     std::lock_guard lock(mutex_);
     return values_;
-  }
-  std::size_t count() const {
-    std::lock_guard lock(mutex_);
-    return values_.size();
   }
 
  private:
@@ -54,7 +51,7 @@ struct DataOutcome {
   std::shared_ptr<const platform::HTTPResponse> response;
   platform::Object object;
   platform::ErrorPtr error;
-  std::thread::id thread;
+  std::thread::id thread = std::this_thread::get_id();  // the thread that delivered it
 
   std::string body() const { return object.isData() ? platform::stringFromBytes(*object.data()) : std::string(); }
 };
@@ -65,17 +62,8 @@ struct DownloadOutcome {
   platform::ErrorPtr error;
 };
 
-inline platform::HTTPSessionManager::DataTaskCompletion collect(Outcomes<DataOutcome>& outcomes) {
-  return [&outcomes](std::shared_ptr<const platform::HTTPResponse> response, platform::Object object,
-                     platform::ErrorPtr error) {
-    outcomes.add({std::move(response), std::move(object), std::move(error), std::this_thread::get_id()});
-  };
-}
-
-inline platform::HTTPSessionManager::DownloadTaskCompletion collect(Outcomes<DownloadOutcome>& outcomes) {
-  return [&outcomes](std::shared_ptr<const platform::HTTPResponse> response, std::optional<platform::URL> filePath,
-                     platform::ErrorPtr error) { outcomes.add({std::move(response), std::move(filePath), std::move(error)}); };
-}
+// The error's code, 0 for no error.
+inline std::int64_t codeOf(const platform::ErrorPtr& error) { return error ? error->code() : 0; }
 
 inline platform::URLRequest makeRequest(const std::string& url, double timeout = 20.0) {
   platform::URLRequest request;
@@ -84,26 +72,32 @@ inline platform::URLRequest makeRequest(const std::string& url, double timeout =
   return request;
 }
 
+// Runs one data task to its end and returns its outcome.
+inline DataOutcome runToEnd(platform::HTTPSessionManager& manager, const platform::URLRequest& request) {
+  Outcomes<DataOutcome> outcomes;
+  auto task = manager.dataTaskWithRequest(request, nullptr, nullptr, outcomes.collector());
+  task->resume();
+  EXPECT_TRUE(outcomes.waitFor(1));
+  EXPECT_EQ(task->state(), platform::URLSessionTaskState::Completed);
+  const auto all = outcomes.all();
+  return all.empty() ? DataOutcome{} : all.front();
+}
+
 // A scratch folder removed with the object.
 class ScratchFolder {
  public:
   ScratchFolder() {
-    path_ = std::filesystem::temp_directory_path() /
-            ("vkq-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter()++));
-    std::filesystem::create_directories(path_);
+    std::string pattern = (std::filesystem::temp_directory_path() / "vkq-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make " + pattern);
+    path_ = pattern;
   }
   ~ScratchFolder() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
-  const std::filesystem::path& path() const { return path_; }
   std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
  private:
-  static int& counter() {
-    static int value = 0;
-    return value;
-  }
   std::filesystem::path path_;
 };
 

@@ -1,20 +1,16 @@
-// The transport's tables and rules that need no server: libcurl error mapping,
-// reachability from interfaces, and the resume data format.
+// The transport's tables and rules that need no server: libcurl error mapping and
+// reachability from interfaces.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "Platform/CurlErrors.h"
-#include "Platform/KeyedArchive.h"
 #include "Platform/NetworkReachabilityManager.h"
-#include "Platform/ResumeData.h"
 
 namespace vkq::platform {
 namespace {
 
 TEST(CurlErrorMapping, EachTransportFailureHasItsURLErrorCode) {
   // The failures the transport meets, with the code an application sees for each.
-  const std::vector<std::pair<CURLcode, URLErrorCode>> table = {
+  const std::pair<CURLcode, URLErrorCode> table[] = {
       {CURLE_COULDNT_CONNECT, kURLErrorCannotConnectToHost},
       {CURLE_COULDNT_RESOLVE_HOST, kURLErrorCannotFindHost},
       {CURLE_COULDNT_RESOLVE_PROXY, kURLErrorCannotFindHost},
@@ -42,94 +38,49 @@ TEST(CurlErrorMapping, EachTransportFailureHasItsURLErrorCode) {
   }
 }
 
-TEST(CurlErrorMapping, ErrorCarriesTheDetailTextAndTheFailingURL) {
+TEST(CurlErrorMapping, ErrorCarriesTheDetailTextOrLibcurlsTextAndTheFailingURL) {
   const ErrorPtr detailed = makeCurlError(CURLE_COULDNT_CONNECT, "Failed to connect to 127.0.0.1 port 1", "http://x/");
   EXPECT_EQ(detailed->domain(), kURLErrorDomain);
   EXPECT_EQ(detailed->code(), kURLErrorCannotConnectToHost);
   EXPECT_EQ(detailed->localizedDescription(), "Failed to connect to 127.0.0.1 port 1");
   EXPECT_EQ(detailed->userInfo().failingURL, "http://x/");
-  // Without libcurl's detail, its generic text for the code.
-  EXPECT_EQ(makeCurlError(CURLE_COULDNT_CONNECT, "", "")->localizedDescription(),
-            curl_easy_strerror(CURLE_COULDNT_CONNECT));
-  EXPECT_FALSE(makeCurlError(CURLE_COULDNT_CONNECT, "", "")->userInfo().failingURL.has_value());
+  const ErrorPtr plain = makeCurlError(CURLE_COULDNT_CONNECT, "", "");  // libcurl's text, no URL
+  EXPECT_EQ(plain->localizedDescription(), curl_easy_strerror(CURLE_COULDNT_CONNECT));
+  EXPECT_FALSE(plain->userInfo().failingURL.has_value());
 }
 
 TEST(Reachability, StatusFollowsTheInterfacesThatAreUp) {
   using S = NetworkReachabilityStatus;
-  const NetworkInterface loopback{"lo", true, true};
-  const NetworkInterface ethernet{"eth0", true, false};
-  const NetworkInterface wireless{"wlan0", true, false};
-  const NetworkInterface cellular{"wwan0", true, false};
-  const NetworkInterface down{"eth1", false, false};
-  const NetworkInterface loopbackDown{"lo", false, true};
-
-  EXPECT_EQ(reachabilityStatusForInterfaces({}), S::NotReachable);
-  EXPECT_EQ(reachabilityStatusForInterfaces({loopbackDown, down}), S::NotReachable);
-  // Loopback alone must not block local traffic.
-  EXPECT_EQ(reachabilityStatusForInterfaces({loopback, down}), S::ReachableViaWiFi);
-  EXPECT_EQ(reachabilityStatusForInterfaces({loopback, ethernet}), S::ReachableViaWiFi);
-  EXPECT_EQ(reachabilityStatusForInterfaces({wireless}), S::ReachableViaWiFi);
-  EXPECT_EQ(reachabilityStatusForInterfaces({loopback, cellular}), S::ReachableViaWWAN);
-  EXPECT_EQ(reachabilityStatusForInterfaces({cellular, wireless}), S::ReachableViaWiFi);
-  EXPECT_EQ(reachabilityStatusForInterfaces({NetworkInterface{"rmnet_data0", true, false}}), S::ReachableViaWWAN);
+  const NetworkInterface loopback{"lo", true, true}, loopbackDown{"lo", false, true}, ethernet{"eth0", true, false},
+      down{"eth1", false, false}, wireless{"wlan0", true, false}, cellular{"wwan0", true, false};
+  const std::pair<std::vector<NetworkInterface>, S> cases[] = {
+      {{}, S::NotReachable},
+      {{loopbackDown, down}, S::NotReachable},
+      {{loopback, down}, S::ReachableViaWiFi},  // loopback alone must not block local traffic
+      {{loopback, ethernet}, S::ReachableViaWiFi},
+      {{wireless}, S::ReachableViaWiFi},
+      {{loopback, cellular}, S::ReachableViaWWAN},
+      {{cellular, wireless}, S::ReachableViaWiFi},  // WiFi wins over a modem
+      {{{"rmnet_data0", true, false}}, S::ReachableViaWWAN},
+  };
+  for (const auto& [interfaces, status] : cases) {
+    EXPECT_EQ(reachabilityStatusForInterfaces(interfaces), status) << interfaces.size() << " interfaces";
+  }
 }
 
 TEST(Reachability, UnknownUntilMonitoringAndOverriddenThroughTheSeam) {
   NetworkReachabilityManager manager;
   EXPECT_EQ(manager.networkReachabilityStatus(), NetworkReachabilityStatus::Unknown);
   manager.startMonitoring();
-  // This machine runs the tests over loopback at least.
-  EXPECT_TRUE(manager.isReachable());
+  EXPECT_TRUE(manager.isReachable());  // this machine runs the tests over loopback at least
 
   NetworkReachabilityManager::setStatusOverrideForTesting(NetworkReachabilityStatus::NotReachable);
   EXPECT_EQ(manager.networkReachabilityStatus(), NetworkReachabilityStatus::NotReachable);
   EXPECT_FALSE(NetworkReachabilityManager().isReachable());
-  NetworkReachabilityManager::setStatusOverrideForTesting(NetworkReachabilityStatus::ReachableViaWWAN);
-  EXPECT_EQ(manager.networkReachabilityStatus(), NetworkReachabilityStatus::ReachableViaWWAN);
   NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);
 
   manager.stopMonitoring();
   EXPECT_EQ(manager.networkReachabilityStatus(), NetworkReachabilityStatus::Unknown);
-}
-
-ResumeData sampleResumeData() {
-  return ResumeData{"https://example.test/a.zip", {{"Accept", "*/*"}, {"X-Token", "t"}}, 30.0, 12345,
-                    "/tmp/vkq-partial-downloads/download-abc123", "\"etag-1\""};
-}
-
-TEST(ResumeDataFormat, RoundTripsThroughABinaryPropertyList) {
-  const ResumeData original = sampleResumeData();
-  const Bytes data = original.encoded();
-  ASSERT_GE(data.size(), 8u);
-  EXPECT_EQ(stringFromBytes(Bytes(data.begin(), data.begin() + 6)), "bplist");
-  std::string reason;
-  const auto decoded = ResumeData::decode(data, reason);
-  ASSERT_TRUE(decoded.has_value()) << reason;
-  EXPECT_EQ(decoded->url, original.url);
-  EXPECT_EQ(decoded->bytesReceived, original.bytesReceived);
-  EXPECT_EQ(decoded->partialFilePath, original.partialFilePath);
-  EXPECT_EQ(decoded->validator, original.validator);
-  EXPECT_DOUBLE_EQ(decoded->timeoutInterval, original.timeoutInterval);
-  auto headers = decoded->headerFields;
-  std::sort(headers.begin(), headers.end());
-  EXPECT_EQ(headers, original.headerFields);
-}
-
-TEST(ResumeDataFormat, RefusesDataOfAnotherShape) {
-  std::string reason;
-  EXPECT_FALSE(ResumeData::decode(bytesFromString("not a plist"), reason));
-  EXPECT_FALSE(reason.empty());
-
-  KeyedArchiver foreign;  // a property list, but not ours
-  foreign.encodeString("x", "DownloadURL");
-  EXPECT_FALSE(ResumeData::decode(foreign.encodedData(), reason));
-
-  ResumeData noBytes = sampleResumeData();
-  noBytes.bytesReceived = 0;  // nothing to continue from
-  EXPECT_FALSE(ResumeData::decode(noBytes.encoded(), reason));
-  ResumeData noValidator = sampleResumeData();
-  noValidator.validator.clear();  // If-Range would have nothing to compare
-  EXPECT_FALSE(ResumeData::decode(noValidator.encoded(), reason));
 }
 
 }  // namespace
