@@ -203,6 +203,9 @@ void VKQNetworkAgent::addRequest(const std::shared_ptr<VKQVeskRequest>& request)
 void VKQNetworkAgent::cancelRequest(const std::shared_ptr<VKQVeskRequest>& request) {
   VKQAssert(request != nullptr, kRequestNotNil);
 
+  // Forgotten before the task is cancelled: the cancelled task completes on the
+  // completion queue, possibly before cancel() returns here, and must find nothing.
+  removeRequestFromRecord(request);
   const std::shared_ptr<URLSessionTask> task = request->requestTask();
   const auto download = std::dynamic_pointer_cast<URLSessionDownloadTask>(task);
   if (download && request->resumableDownloadPath()) {
@@ -221,7 +224,6 @@ void VKQNetworkAgent::cancelRequest(const std::shared_ptr<VKQVeskRequest>& reque
   } else if (task) {
     task->cancel();
   }
-  removeRequestFromRecord(request);
 }
 
 // ---- Registry ----
