@@ -111,15 +111,17 @@ ErrorPtr DownloadTaskBody::truncateFile() {
   return nullptr;
 }
 
-ErrorPtr DownloadTaskBody::willSend(URLRequest& request) {
+ErrorPtr DownloadTaskBody::willSend(SharedRequest& request) {
   if (state_ == State::Pending) {
     state_ = State::Transferring;
     if (ErrorPtr error = openFile()) return error;
   }
   rangeSent_ = offset_ > 0 && !validator_.empty();
   if (rangeSent_) {
-    request.allHTTPHeaderFields.set("Range", "bytes=" + std::to_string(offset_) + "-");
-    request.allHTTPHeaderFields.set("If-Range", validator_);
+    auto ranged = std::make_shared<URLRequest>(*request);
+    ranged->allHTTPHeaderFields.set("Range", "bytes=" + std::to_string(offset_) + "-");
+    ranged->allHTTPHeaderFields.set("If-Range", validator_);
+    request = std::move(ranged);
   }
   status_ = 0;
   discarding_ = false;

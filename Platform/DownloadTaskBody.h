@@ -48,7 +48,7 @@ class DownloadTaskBody final : public BodySink {
   // the download has already ended.
   bool requestResumeData(ResumeDataHandler handler);
 
-  ErrorPtr willSend(URLRequest& request) override;
+  ErrorPtr willSend(SharedRequest& request) override;
   ErrorPtr didReceiveResponse(const HTTPResponse& response) override;
   ErrorPtr didReceiveData(const char* data, std::size_t length) override;
   bool shouldRestart() override;

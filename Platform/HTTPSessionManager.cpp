@@ -66,11 +66,12 @@ std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(cons
                                                                             ProgressBlock uploadProgress,
                                                                             ProgressBlock downloadProgress,
                                                                             DataTaskCompletion completionHandler) {
-  auto record = std::make_shared<TaskRecord>(request);
+  auto shared = std::make_shared<const URLRequest>(request);
+  auto record = std::make_shared<TaskRecord>(shared);
   auto body = std::make_unique<DataTaskBody>(maximumDataLength(), urlString(request), engine_->responseSerializer(),
                                              std::move(completionHandler));
   auto transfer = std::make_shared<SessionTransfer>(
-      engine_, record, request, std::move(body),
+      engine_, record, std::move(shared), std::move(body),
       SessionTransfer::Options{std::move(uploadProgress), std::move(downloadProgress), 0});
   return std::make_shared<URLSessionDataTask>(std::move(record), std::move(transfer));
 }
@@ -78,12 +79,13 @@ std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(cons
 std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequest(
     const URLRequest& request, ProgressBlock progress, DownloadDestination destination,
     DownloadTaskCompletion completionHandler) {
-  auto record = std::make_shared<TaskRecord>(request);
+  auto shared = std::make_shared<const URLRequest>(request);
+  auto record = std::make_shared<TaskRecord>(shared);
   auto body = std::make_unique<DownloadTaskBody>(
       partialDownloadsFolder(), request,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
   auto transfer = std::make_shared<SessionTransfer>(
-      engine_, record, request, std::move(body), SessionTransfer::Options{nullptr, std::move(progress), kDownloadBufferSize});
+      engine_, record, std::move(shared), std::move(body), SessionTransfer::Options{nullptr, std::move(progress), kDownloadBufferSize});
   return std::make_shared<URLSessionDownloadTask>(std::move(record), std::move(transfer));
 }
 
@@ -99,12 +101,13 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResu
   }
   checkPartialFile(*resume);
 
-  auto record = std::make_shared<TaskRecord>(request);
+  auto shared = std::make_shared<const URLRequest>(std::move(request));
+  auto record = std::make_shared<TaskRecord>(shared);
   auto body = std::make_unique<DownloadTaskBody>(
       *resume,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
   auto transfer = std::make_shared<SessionTransfer>(
-      engine_, record, std::move(request), std::move(body),
+      engine_, record, std::move(shared), std::move(body),
       SessionTransfer::Options{nullptr, std::move(progress), kDownloadBufferSize});
   return std::make_shared<URLSessionDownloadTask>(std::move(record), std::move(transfer));
 }

@@ -19,11 +19,12 @@ std::uint64_t nextTaskIdentifier() {
   return counter.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
+bool isHeaderSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
 std::string_view trim(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) return {};
-  const auto last = text.find_last_not_of(" \t\r\n");
-  return text.substr(first, last - first + 1);
+  while (!text.empty() && isHeaderSpace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isHeaderSpace(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 // The first header field that must not be sent, or absent.
@@ -43,11 +44,11 @@ bool isContentEncoded(const HTTPResponse& response) {
 
 }  // namespace
 
-TaskRecord::TaskRecord(std::optional<URLRequest> request)
+TaskRecord::TaskRecord(SharedRequest request)
     : identifier(nextTaskIdentifier()), originalRequest(request), currentRequest(std::move(request)) {}
 
 SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<TaskRecord> record,
-                                 std::optional<URLRequest> request, std::unique_ptr<BodySink> sink, Options options)
+                                 SharedRequest request, std::unique_ptr<BodySink> sink, Options options)
     : engine_(engine),
       outbox_(&engine->outbox()),
       record_(std::move(record)),
@@ -111,12 +112,12 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
       conclude(makeTransportError(kURLErrorBadURL, "The request has no URL.", ""), false);
       return false;
     }
-    URLRequest request = *request_;
+    SharedRequest request = request_;
     if (ErrorPtr refused = sink_->willSend(request)) {
       conclude(std::move(refused), false);
       return false;
     }
-    if (const auto field = unsafeHeaderField(request.allHTTPHeaderFields)) {
+    if (const auto field = unsafeHeaderField(request->allHTTPHeaderFields)) {
       conclude(makeTransportError(kURLErrorBadURL,
                                   "The request header field \"" + *field +
                                       "\" contains a line break, NUL or colon; the request was not sent.",
@@ -261,7 +262,11 @@ ErrorPtr SessionTransfer::takeResponse() {
   expectedLength_ = contentLength >= 0 && !isContentEncoded(*response) ? held + contentLength : -1;
   std::lock_guard lock(record_->mutex);
   record_->response = response_;
-  if (record_->currentRequest && response->url) record_->currentRequest->url = response->url;
+  if (record_->currentRequest && response->url && record_->currentRequest->url != response->url) {
+    auto redirected = std::make_shared<URLRequest>(*record_->currentRequest);
+    redirected->url = response->url;
+    record_->currentRequest = std::move(redirected);
+  }
   record_->bytesReceived = held;
   record_->bytesExpected = expectedLength_;
   return error;

@@ -31,15 +31,18 @@ namespace vkq::platform {
 class CompletionOutbox;
 class SessionEngine;
 
+// Requests are shared, never changed once made: a changed request is a new one.
+using SharedRequest = std::shared_ptr<const URLRequest>;
+
 struct TaskRecord {
-  explicit TaskRecord(std::optional<URLRequest> request);
+  explicit TaskRecord(SharedRequest request);
 
   const std::uint64_t identifier;
-  const std::optional<URLRequest> originalRequest;
+  const SharedRequest originalRequest;  // null: none
 
   mutable std::mutex mutex;
   URLSessionTaskState state = URLSessionTaskState::Suspended;  // guarded by mutex
-  std::optional<URLRequest> currentRequest;                     // guarded by mutex
+  SharedRequest currentRequest;                                 // guarded by mutex
   std::shared_ptr<const HTTPResponse> response;                 // guarded by mutex
   ErrorPtr error;                                               // guarded by mutex
   std::int64_t bytesReceived = 0;                               // guarded by mutex
@@ -53,9 +56,9 @@ class BodySink {
  public:
   virtual ~BodySink() = default;
 
-  // Adjusts the request before it is (re)sent, e.g. with a resume range. An error
-  // ends the task without sending anything.
-  virtual ErrorPtr willSend(URLRequest& request) {
+  // Adjusts the request before it is (re)sent, e.g. replaces it with one that has a
+  // resume range. An error ends the task without sending anything.
+  virtual ErrorPtr willSend(SharedRequest& request) {
     (void)request;
     return nullptr;
   }
@@ -88,7 +91,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   };
 
   SessionTransfer(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<TaskRecord> record,
-                  std::optional<URLRequest> request, std::unique_ptr<BodySink> sink, Options options);
+                  SharedRequest request, std::unique_ptr<BodySink> sink, Options options);
   ~SessionTransfer() override;
 
   // Any thread.
@@ -133,7 +136,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   // before the outbox goes, so it outlives every use there.
   CompletionOutbox* const outbox_;
   const std::shared_ptr<TaskRecord> record_;
-  const std::optional<URLRequest> request_;
+  const SharedRequest request_;  // null: none
   const std::unique_ptr<BodySink> sink_;
   const bool hasUploadProgress_;
   const bool hasDownloadProgress_;
@@ -144,7 +147,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
 
   // Worker thread (or the cancelling thread of a task that never started).
   EasyHandle* easy_ = nullptr;  // the worker's, lent from start() until end() returns
-  std::optional<URLRequest> sent_;
+  SharedRequest sent_;
   HTTPHeaders headerFields_;
   std::shared_ptr<const HTTPResponse> response_;
   ErrorPtr abortError_;

@@ -21,11 +21,19 @@ URLSessionTaskState URLSessionTask::state() const {
   return record_->state;
 }
 
-std::optional<URLRequest> URLSessionTask::originalRequest() const { return record_->originalRequest; }
+std::optional<URLRequest> URLSessionTask::originalRequest() const {
+  if (!record_->originalRequest) return std::nullopt;
+  return *record_->originalRequest;
+}
 
 std::optional<URLRequest> URLSessionTask::currentRequest() const {
-  std::lock_guard lock(record_->mutex);
-  return record_->currentRequest;
+  SharedRequest current;
+  {
+    std::lock_guard lock(record_->mutex);
+    current = record_->currentRequest;
+  }
+  if (!current) return std::nullopt;
+  return *current;
 }
 
 std::shared_ptr<const HTTPResponse> URLSessionTask::response() const {
