@@ -47,22 +47,27 @@ void TransferWorker::post(Command command) {
   bool wake;
   {
     std::lock_guard lock(mutex_);
-    // Commands already waiting mean a wake-up is already on its way.
-    wake = commands_.empty();
     commands_.push_back(std::move(command));
+    // Only a worker waiting in curl_multi_poll() needs waking, and once: a busy one
+    // takes the commands at the start of its next round.
+    wake = waiting_;
+    waiting_ = false;
   }
   if (wake) curl_multi_wakeup(multi_.get());
 }
 
 void TransferWorker::run() {
   pthread_setname_np(pthread_self(), "vkq.transfer");
+  // Swapped with commands_ each round: both keep their capacity, so handing commands
+  // over allocates nothing once the session is warm.
+  std::vector<Command> commands;
   for (;;) {
-    std::deque<Command> commands;
     bool stopping;
     {
       std::lock_guard lock(mutex_);
       commands.swap(commands_);
       stopping = stopping_;
+      waiting_ = false;
     }
     for (Command& command : commands) {
       if (stopping && !command.cancel) {
@@ -71,6 +76,7 @@ void TransferWorker::run() {
         apply(command);
       }
     }
+    commands.clear();
     if (stopping) break;
 
     int stillRunning = 0;
@@ -89,6 +95,11 @@ void TransferWorker::run() {
     if (curlTimeout >= 0) limit = std::min<Clock::duration>(limit, std::chrono::milliseconds(curlTimeout));
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(expireIdle(limit));
     beforeWait_();
+    {
+      std::lock_guard lock(mutex_);
+      if (!commands_.empty()) continue;  // posted during this round: handled before any wait
+      waiting_ = true;
+    }
     curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(wait.count()), nullptr);
   }
 

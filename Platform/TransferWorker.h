@@ -10,7 +10,6 @@
 #pragma once
 
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -106,8 +105,9 @@ class TransferWorker {
   ShareHandle share_;
 
   std::mutex mutex_;
-  std::deque<Command> commands_;  // guarded by mutex_
-  bool stopping_ = false;         // guarded by mutex_
+  std::vector<Command> commands_;  // guarded by mutex_
+  bool stopping_ = false;          // guarded by mutex_
+  bool waiting_ = false;           // guarded by mutex_: in curl_multi_poll(), not yet woken
 
   struct Running {
     std::shared_ptr<Transfer> transfer;
