@@ -45,9 +45,10 @@ bool HTTPResponseSerializer::validateResponse(const HTTPResponse* response, cons
                                 *response, data));
     return false;
   }
+  if (!acceptableContentTypes_) return true;
   const std::optional<std::string> type = response->MIMEType();
   const bool typeMatters = type.has_value() || !bodyBytes(data).empty();
-  if (acceptableContentTypes_ && typeMatters && !(type && acceptableContentTypes_->contains(*type))) {
+  if (typeMatters && !(type && acceptableContentTypes_->contains(*type))) {
     setError(error, answerError(kURLErrorCannotDecodeContentData,
                                 "Request failed: unacceptable content-type: " + type.value_or("(null)"), *response,
                                 data));
