@@ -33,15 +33,6 @@ TEST(HTTPHeaders, DescriptionIsASortedDictionaryQuotingOnlyWhatNeedsIt) {
   EXPECT_EQ(HTTPHeaders().description(), "{\n}");
 }
 
-TEST(HTTPHeaders, SafeTextHasNoLineBreaksOrNul) {
-  EXPECT_TRUE(isSafeHeaderText("text/plain; charset=utf-8"));
-  EXPECT_TRUE(isSafeHeaderText(""));
-  using namespace std::string_view_literals;
-  for (const std::string_view bad : {"a\r\nX-Injected: 1"sv, "a\nb"sv, "a\rb"sv, "a\0b"sv}) {
-    EXPECT_FALSE(isSafeHeaderText(bad)) << bad;
-  }
-}
-
 TEST(HTTPResponse, DescribesItselfAndReadsMIMETypeAndContentLengthLeniently) {
   HTTPResponse response{URL::URLWithString("http://h/x"), 404, {{"Server", "t"}}};
   EXPECT_EQ(response.description(), "<HTTPResponse> { URL: http://h/x } { Status Code: 404, Headers {\n    Server = t;\n} }");

@@ -105,6 +105,7 @@ TEST(RequestSerializer, LineBreaksNeverReachAHeader) {
   const auto serializer = HTTPRequestSerializer::serializer();
   EXPECT_FALSE(serializer->setValue("a\r\nX-Injected: 1", "X-Test"));
   EXPECT_FALSE(serializer->setValue("v", "X-Bad\nName"));
+  EXPECT_FALSE(serializer->setValue("a\rb", "X-Return"));
   EXPECT_FALSE(serializer->setValue(std::string_view("a\0b", 3), "X-Nul"));
   EXPECT_EQ(serializer->HTTPRequestHeaders().size(), 2u);  // the defaults only
 
@@ -146,7 +147,7 @@ TEST(RequestSerializer, AcceptLanguageFollowsTheProcessLocale) {
       {nullptr, nullptr, "x\"y", "en;q=1"},  // not a language tag
   };
   const char* names[] = {"LC_ALL", "LC_MESSAGES", "LANG"};
-  auto set = [](const char* name, const char* value) { value ? ::setenv(name, value, 1) : ::unsetenv(name); };
+  const auto set = [](const char* name, const char* value) { value ? ::setenv(name, value, 1) : ::unsetenv(name); };
   std::optional<std::string> saved[3];
   for (int i = 0; i < 3; ++i) {
     if (const char* value = std::getenv(names[i])) saved[i] = value;
