@@ -6,14 +6,17 @@
 
 namespace vkq::platform {
 
-DataTaskBody::DataTaskBody(std::size_t limit, std::string url, std::shared_ptr<ResponseSerializerSlot> serializer,
+DataTaskBody::DataTaskBody(std::size_t limit, SharedRequest request, std::shared_ptr<ResponseSerializerSlot> serializer,
                            HTTPSessionManager::DataTaskCompletion completion)
-    : limit_(limit), url_(std::move(url)), serializer_(std::move(serializer)), completion_(std::move(completion)) {}
+    : limit_(limit),
+      request_(std::move(request)),
+      serializer_(std::move(serializer)),
+      completion_(std::move(completion)) {}
 
 ErrorPtr DataTaskBody::tooLong() const {
   return makeTransportError(kURLErrorDataLengthExceedsMaximum,
                             "The answer body exceeds the data task limit of " + std::to_string(limit_) + " bytes.",
-                            url_);
+                            request_ && request_->url ? request_->url->absoluteString() : std::string());
 }
 
 ErrorPtr DataTaskBody::didReceiveResponse(const HTTPResponse& response) {

@@ -15,7 +15,7 @@ namespace vkq::platform {
 
 class DataTaskBody final : public BodySink {
  public:
-  DataTaskBody(std::size_t limit, std::string url, std::shared_ptr<ResponseSerializerSlot> serializer,
+  DataTaskBody(std::size_t limit, SharedRequest request, std::shared_ptr<ResponseSerializerSlot> serializer,
                HTTPSessionManager::DataTaskCompletion completion);
 
   ErrorPtr didReceiveResponse(const HTTPResponse& response) override;
@@ -30,7 +30,7 @@ class DataTaskBody final : public BodySink {
   ErrorPtr tooLong() const;
 
   const std::size_t limit_;
-  const std::string url_;
+  const SharedRequest request_;  // for the URL of an error
   const std::shared_ptr<ResponseSerializerSlot> serializer_;
   HTTPSessionManager::DataTaskCompletion completion_;
   Bytes body_;

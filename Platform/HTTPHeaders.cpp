@@ -56,6 +56,16 @@ void HTTPHeaders::set(std::string_view name, std::string_view value) {
   fields_.emplace_back(std::string(name), std::string(value));
 }
 
+void HTTPHeaders::append(std::string_view name, std::string_view value) {
+  for (auto& field : fields_) {
+    if (sameName(field.first, name)) {
+      field.second.append(", ").append(value);
+      return;
+    }
+  }
+  fields_.emplace_back(std::string(name), std::string(value));
+}
+
 void HTTPHeaders::remove(std::string_view name) {
   std::erase_if(fields_, [name](const Field& field) { return sameName(field.first, name); });
 }

@@ -21,6 +21,11 @@ class HTTPHeaders {
   bool contains(std::string_view name) const { return value(name).has_value(); }
   // Sets or replaces a field; an existing field keeps its place and spelling.
   void set(std::string_view name, std::string_view value);
+  // Adds a field, or appends ", value" to the one of that name: how a field that an
+  // answer sends more than once reads as one.
+  void append(std::string_view name, std::string_view value);
+  // Room for `count` fields without reallocating.
+  void reserve(std::size_t count) { fields_.reserve(count); }
   void remove(std::string_view name);
 
   bool empty() const { return fields_.empty(); }

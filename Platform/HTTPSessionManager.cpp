@@ -16,8 +16,6 @@ namespace fs = std::filesystem;
 // libcurl's largest receive buffer: downloads reach the disk in large writes.
 constexpr long kDownloadBufferSize = 512 * 1024;
 
-std::string urlString(const URLRequest& request) { return request.url ? request.url->absoluteString() : std::string(); }
-
 // The resume data's partial file, checked: it must lie in our folder and hold exactly
 // the bytes the data counts.
 void checkPartialFile(const ResumeData& resume) {
@@ -68,7 +66,7 @@ std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(cons
                                                                             DataTaskCompletion completionHandler) {
   auto shared = std::make_shared<const URLRequest>(request);
   auto record = std::make_shared<TaskRecord>(shared);
-  auto body = std::make_unique<DataTaskBody>(maximumDataLength(), urlString(request), engine_->responseSerializer(),
+  auto body = std::make_unique<DataTaskBody>(maximumDataLength(), shared, engine_->responseSerializer(),
                                              std::move(completionHandler));
   auto transfer = std::make_shared<SessionTransfer>(
       engine_, record, std::move(shared), std::move(body),

@@ -13,6 +13,7 @@ using Clock = TransferWorker::Clock;
 constexpr auto kProgressInterval = std::chrono::milliseconds(50);
 constexpr std::int64_t kProgressStep = std::int64_t{1} << 20;
 constexpr long kMaximumRedirects = 16;
+constexpr std::size_t kTypicalHeaderFields = 8;
 
 std::uint64_t nextTaskIdentifier() {
   static std::atomic<std::uint64_t> counter{0};
@@ -225,15 +226,13 @@ std::size_t SessionTransfer::receiveHeader(std::string_view line) {
   if (response_) return line.size();  // trailers of the final answer
   const std::string_view text = trim(line);
   if (text.starts_with("HTTP/")) {
-    headerFields_ = HTTPHeaders();  // a new answer: an interim one or a redirect came before
+    // An answer starts: drop the fields of an interim answer or a redirect that came
+    // before, and make room for the handful an answer has.
+    headerFields_ = HTTPHeaders();
+    headerFields_.reserve(kTypicalHeaderFields);
   } else if (const auto colon = text.find(':'); colon != std::string_view::npos && colon > 0) {
     const std::string_view name = trim(text.substr(0, colon));
-    const std::string_view value = trim(text.substr(colon + 1));
-    if (const auto earlier = headerFields_.value(name)) {
-      headerFields_.set(name, *earlier + ", " + std::string(value));
-    } else {
-      headerFields_.set(name, value);
-    }
+    headerFields_.append(name, trim(text.substr(colon + 1)));
   }
   return line.size();
 }
@@ -248,9 +247,10 @@ ErrorPtr SessionTransfer::takeResponse() {
   curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
 
   auto response = std::make_shared<HTTPResponse>();
-  if (effectiveURL != nullptr) {
-    // Without a redirect this is the URL sent, already parsed.
-    response->url = effectiveURL == sent_->url->absoluteString() ? sent_->url : URL::URLWithString(effectiveURL);
+  if (effectiveURL != nullptr && effectiveURL == sent_->url->absoluteString()) {
+    response->url = sent_->url;  // no redirect: the URL sent, already parsed
+  } else if (effectiveURL != nullptr) {
+    response->url = URL::URLWithString(effectiveURL);
   }
   response->statusCode = static_cast<int>(status);
   response->allHeaderFields = std::move(headerFields_);
