@@ -18,6 +18,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::Optional;
+using ::testing::Pointee;
 using vkq::platform::Bytes;
 using vkq::platform::URL;
 
@@ -33,17 +34,6 @@ Bytes wordThen(std::size_t word, Bytes rest = {}) {
   for (std::size_t i = kWord; i-- > 0;) rest.insert(rest.begin(), static_cast<std::uint8_t>(word >> (8 * i)));
   return rest;
 }
-
-// A file with `contents`, removed at the end of the test.
-struct TemporaryFile {
-  TemporaryFile(const std::filesystem::path& directory, const std::string& contents)
-      : path(directory / ("codec-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++))) {
-    std::ofstream(path, std::ios::binary) << contents;
-  }
-  ~TemporaryFile() { std::filesystem::remove(path); }
-  std::filesystem::path path;
-  static inline int counter = 0;
-};
 
 // One value of every width: how to append it, whether it reads back, and its layout most
 // significant byte first (the little-endian layout is the same bytes reversed).
@@ -117,6 +107,7 @@ TEST(NRDByteArrayReads, FixedWidthReadsPastTheEndThrowAndKeepTheCursor) {
   EXPECT_THAT([] { arrayOf({1, 2, 3})->readUInt32(); },
               ::testing::ThrowsMessage<std::out_of_range>(
                   ::testing::HasSubstr("cannot read 4 bytes at position 0 of a buffer of 3 bytes")));
+  NRDByteArray::initWithLength(0, false)->getBytes(nullptr, 0);  // nothing to copy, nowhere to copy it
 }
 
 // readDataWithLength is checked; a length word is read unchecked, then its bytes checked.
@@ -180,6 +171,7 @@ TEST(NRDByteArrayReplace, WritesAtTheCursorOnlyWhatFitsWithWordsNeverReordered) 
 
 TEST(NRDByteArrayInit, NoBufferDropsAppendsAndReadsNothingUnlikeAnEmptyBuffer) {
   EXPECT_NE(NRDByteArray::initWithBytes(nullptr, 0)->data(), nullptr);
+  EXPECT_FALSE(NRDByteArray::initWithBytes("\x01", 1)->bigEndian()) << "raw bytes are in native order";
   EXPECT_THROW(NRDByteArray::initWithBytes(nullptr, 1), vkq::platform::InternalInconsistencyException);
   auto array = NRDByteArray::initWithBigEndian(false);
   array->setData(std::nullopt);
@@ -195,27 +187,26 @@ TEST(NRDByteArrayInit, NoBufferDropsAppendsAndReadsNothingUnlikeAnEmptyBuffer) {
 }
 
 TEST(NRDByteArrayInit, FilesAreReadAndAnythingUnreadableGivesNoBuffer) {
-  const auto temporary = std::filesystem::temp_directory_path();
-  TemporaryFile file(temporary, "\x01\x02\x03");
-  TemporaryFile emptyFile(temporary, "");
-  auto array = NRDByteArray::initWithUrl(URL::fileURLWithPath(file.path.string()), true);
-  ASSERT_NE(array->data(), nullptr);
-  EXPECT_THAT(*array->data(), ElementsAre(1, 2, 3));
-  EXPECT_TRUE(array->bigEndian());
-  auto empty = NRDByteArray::initWithUrl(URL::fileURLWithPath(emptyFile.path.string()), false);
-  ASSERT_NE(empty->data(), nullptr) << "an empty file is an empty buffer";
-
-  const auto noBuffer = [](const URL& url) { return NRDByteArray::initWithUrl(url, false)->data() == nullptr; };
-  EXPECT_TRUE(noBuffer(URL::fileURLWithPath((temporary / "codec-missing.bin").string())));
-  EXPECT_TRUE(noBuffer(URL::fileURLWithPath(temporary.string(), true))) << "a folder";
-  EXPECT_TRUE(noBuffer(*URL::URLWithString("https://example.com/a.bin"))) << "no network transfers";
-
-  // A name is looked up beside the executable.
-  TemporaryFile resource(std::filesystem::read_symlink("/proc/self/exe").parent_path(), "\x04\x05");
-  auto named = NRDByteArray::initWithName(resource.path.filename().string(), true);
-  ASSERT_NE(named->data(), nullptr);
-  EXPECT_THAT(*named->data(), ElementsAre(4, 5));
+  namespace fs = std::filesystem;
+  const std::string name = "codec-test-" + std::to_string(::getpid());
+  const fs::path temporary = fs::temp_directory_path() / name;
+  const fs::path bundled = fs::read_symlink("/proc/self/exe").parent_path() / name;
+  std::ofstream(temporary, std::ios::binary) << "\x01\x02\x03";
+  std::ofstream(bundled, std::ios::binary) << "";
+  const auto fromFile = [](const fs::path& path, bool isFolder = false) {
+    return NRDByteArray::initWithUrl(URL::fileURLWithPath(path.string(), isFolder), true);
+  };
+  EXPECT_THAT(fromFile(temporary)->data(), Pointee(ElementsAre(1, 2, 3)));
+  EXPECT_TRUE(fromFile(temporary)->bigEndian());
+  EXPECT_THAT(fromFile(bundled)->data(), Pointee(ElementsAre())) << "an empty file is an empty buffer";
+  EXPECT_THAT(NRDByteArray::initWithName(name, true)->data(), Pointee(ElementsAre())) << "beside the executable";
   EXPECT_EQ(NRDByteArray::initWithName("codec-no-such-resource.bin", true)->data(), nullptr);
+  EXPECT_EQ(fromFile(temporary.parent_path() / "codec-missing.bin")->data(), nullptr);
+  EXPECT_EQ(fromFile(temporary.parent_path(), true)->data(), nullptr) << "a folder";
+  EXPECT_EQ(NRDByteArray::initWithUrl(*URL::URLWithString("https://example.com/a.bin"), false)->data(), nullptr)
+      << "no network transfers";
+  fs::remove(temporary);
+  fs::remove(bundled);
 }
 
 // The encoding tests pin every encoding's bytes; here UTF-16 (two bytes for the euro
