@@ -1,39 +1,39 @@
 // Shared pieces of the network agent's tests: a request whose properties are plain
-// fields, a recorder of the callbacks a request receives, a debug-log capture and a
-// fixture that drains the main queue on the test's thread.
+// fields, a recorder of the callbacks a request receives, a KXP route for the test
+// server and a fixture that drains the main queue on the test's thread.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
+#include <span>
 #include <string>
 #include <vector>
 
+#include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/Log.h"
 #include "Platform/MainQueue.h"
 #include "Platform/NetworkReachabilityManager.h"
+#include "Tests/Classes/LogCapture.h"
+#include "Tests/Support/TestServer.h"
 
 namespace vkq::testing {
 
 // A request whose every property is a field (the base class's defaults to start with).
 class FieldRequest : public VKQVeskRequest {
  public:
-  std::string urlValue;
-  std::string hostValue;
-  std::string pathValue;
+  std::string urlValue, hostValue, pathValue;
   VKQRequestMethod method = VKQRequestMethodPOST;
   VKQRequestSerializerType requestType = VKQRequestSerializerTypeKXP;
   VKQResponseSerializerType responseType = VKQResponseSerializerTypeKXP;
-  vkq::platform::Object argument;
   std::optional<VKQHeaderDictionary> headers;
   std::optional<std::vector<std::string>> authorization;
   double timeout = 60.0;
@@ -45,11 +45,8 @@ class FieldRequest : public VKQVeskRequest {
   VKQRequestMethod requestMethod() const override { return method; }
   VKQRequestSerializerType requestSerializerType() const override { return requestType; }
   VKQResponseSerializerType responseSerializerType() const override { return responseType; }
-  vkq::platform::Object requestArgument() const override { return argument; }
   std::optional<VKQHeaderDictionary> requestHeaderFieldValueDictionary() const override { return headers; }
-  std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const override {
-    return authorization;
-  }
+  std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const override { return authorization; }
   double requestTimeoutInterval() const override { return timeout; }
   bool allowsCellularAccess() const override { return cellular; }
 };
@@ -61,12 +58,7 @@ struct Calls {
   std::vector<std::shared_ptr<VKQVeskResult>> results;
   bool offMainQueue = false;
 
-  std::size_t outcomes() const { return order.size() - count("completion"); }
-  std::size_t count(const std::string& name) const {
-    std::size_t n = 0;
-    for (const auto& call : order) n += call == name ? 1 : 0;
-    return n;
-  }
+  std::size_t outcomes() const { return order.size() - static_cast<std::size_t>(std::ranges::count(order, "completion")); }
   std::int64_t lastCode() const {
     const auto& result = results.back();
     return result && result->responseCode() ? result->responseCode()->code() : 0;
@@ -91,8 +83,7 @@ inline void attach(VKQVeskRequest& request, const std::shared_ptr<Calls>& calls)
   request.setFailureResultBlock(recorder("failure"));
 }
 
-// Attaches recording callbacks and starts the request with requestWithSuccess(); the
-// completion callback set before stays in place.
+// Attaches recording callbacks and starts the request with requestWithSuccess().
 inline std::shared_ptr<Calls> start(VKQVeskRequest& request) {
   auto calls = std::make_shared<Calls>();
   attach(request, calls);
@@ -100,33 +91,25 @@ inline std::shared_ptr<Calls> start(VKQVeskRequest& request) {
   return calls;
 }
 
-// Collects debug-log entries while it lives.
-class LogCapture {
- public:
-  LogCapture() {
-    vkq::platform::setLogSink([this](const vkq::platform::LogEntry& entry) {
-      std::lock_guard lock(mutex_);
-      entries_.push_back(entry);
-    });
-  }
-  ~LogCapture() { vkq::platform::setLogSink({}); }
-
-  std::vector<vkq::platform::LogEntry> entries() const {
-    std::lock_guard lock(mutex_);
-    return entries_;
-  }
-  // Entries whose first piece is `first`.
-  std::size_t count(const std::string& first) const {
-    std::lock_guard lock(mutex_);
-    std::size_t n = 0;
-    for (const auto& entry : entries_) n += !entry.empty() && entry.front() == first ? 1 : 0;
-    return n;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<vkq::platform::LogEntry> entries_;
-};
+// Serves `path` as a KXP endpoint: the request frame is parsed under `settings` (400
+// with the reason when it is refused) and the answer is "pong:" + payload, framed
+// under `answerSettings`.
+inline void serveKXP(TestServer& server, const std::string& path, const VKQKXPFrameSettings& settings,
+                     std::optional<VKQKXPFrameSettings> answerSettings = std::nullopt) {
+  server.handle(path, [settings, answer = answerSettings.value_or(settings)](const httplib::Request& request,
+                                                                            httplib::Response& response) {
+    const auto parsed = VKQKXPServerCodec::parseRequestFrame(
+        std::span(reinterpret_cast<const std::uint8_t*>(request.body.data()), request.body.size()), settings);
+    if (!parsed.ok()) {
+      response.status = 400;
+      response.set_content(parsed.error(), "text/plain");
+      return;
+    }
+    std::string reply = "pong:" + std::string(parsed.payload().begin(), parsed.payload().end());
+    const auto frame = VKQKXPServerCodec::makeResponseFrame(vkq::platform::bytesFromString(reply), answer);
+    response.set_content(std::string(frame->begin(), frame->end()), "application/octet-stream");
+  });
+}
 
 // Callbacks are drained on the test's thread; the reachability seam is reset after
 // each test, and each test ends with an empty registry.
@@ -151,6 +134,12 @@ class AgentTest : public ::testing::Test {
       if (std::chrono::steady_clock::now() >= deadline) return false;
     }
     return true;
+  }
+  // Starts the request and drains the main queue until it has heard back once.
+  static std::shared_ptr<Calls> startAndWait(VKQVeskRequest& request) {
+    auto calls = start(request);
+    EXPECT_TRUE(runUntil([&] { return calls->outcomes() == 1; }));
+    return calls;
   }
   // Drains the main queue for `duration`, for tests that check that nothing happens.
   static void runFor(std::chrono::milliseconds duration) {

@@ -11,6 +11,7 @@
 
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
+#include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
 #include "Classes/Serialization/VKQKXPFrameLayout.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Platform/Bytes.h"
@@ -42,15 +43,16 @@ inline std::shared_ptr<SettingsRequest> requestWith(VKQKXPFrameSettings settings
   return std::make_shared<SettingsRequest>(std::move(settings));
 }
 
-
-inline void put16(Bytes& out, std::uint16_t value) {
-  out.push_back(static_cast<std::uint8_t>(value >> 8));
-  out.push_back(static_cast<std::uint8_t>(value));
+// The frame VKQKXPRequestSerializer writes for `payload` (handed a copy, since the mask
+// may work in place).
+inline std::optional<Bytes> frameOf(const VKQKXPFrameSettings& settings, const Bytes& payload) {
+  return VKQKXPRequestSerializer::serializerWithRequest(requestWith(settings))
+      ->createDataWithParameters(vkq::platform::Object(Bytes(payload)));
 }
 
-inline void put32(Bytes& out, std::uint32_t value) {
-  put16(out, static_cast<std::uint16_t>(value >> 16));
-  put16(out, static_cast<std::uint16_t>(value));
+// Appends the low `width` bytes of `value`, most significant first.
+inline void putBigEndian(Bytes& out, std::uint32_t value, int width) {
+  for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
 inline std::uint32_t crcOf(const Bytes& bytes) { return static_cast<std::uint32_t>(Encrypt::crc32(bytes)); }
@@ -58,41 +60,30 @@ inline std::uint32_t crcOf(const Bytes& bytes) { return static_cast<std::uint32_
 // The payload as it travels: compressed, then masked.
 inline Bytes transformed(const VKQKXPFrameSettings& settings, const Bytes& payload) {
   Bytes out = settings.compress ? Deflate::compress(payload).value() : payload;
-  if (settings.xorKey != 0) {
-    for (auto& byte : out) byte ^= settings.xorKey;
-  }
+  for (auto& byte : out) byte ^= settings.xorKey;
   return out;
 }
 
-inline Bytes referenceRequestFrame(const VKQKXPFrameSettings& settings, const Bytes& wirePayload) {
+// A request frame, or with `request` false a response frame (no OS type, package or
+// release field), around the payload as it travels.
+inline Bytes referenceFrame(const VKQKXPFrameSettings& settings, const Bytes& wirePayload, bool request) {
   Bytes frame;
-  if (settings.insertAtBeginBody != 0) put16(frame, settings.insertAtBeginBody);
+  if (settings.insertAtBeginBody != 0) putBigEndian(frame, settings.insertAtBeginBody, 2);
   if (settings.version != 0) frame.push_back(settings.version);
-  if (settings.uploadOSType) frame.push_back(1);
-  put32(frame, static_cast<std::uint32_t>(wirePayload.size()));
-  put32(frame, crcOf(wirePayload));
-  if (settings.packageName) put32(frame, crcOf(vkq::platform::bytesFromString(*settings.packageName)));
-  if (settings.releaseVersion > 0) {
-    put32(frame, crcOf(vkq::platform::bytesFromString(std::to_string(settings.releaseVersion))));
+  if (request && settings.uploadOSType) frame.push_back(1);
+  putBigEndian(frame, static_cast<std::uint32_t>(wirePayload.size()), 4);
+  putBigEndian(frame, crcOf(wirePayload), 4);
+  if (request && settings.packageName) putBigEndian(frame, crcOf(vkq::platform::bytesFromString(*settings.packageName)), 4);
+  if (request && settings.releaseVersion > 0) {
+    putBigEndian(frame, crcOf(vkq::platform::bytesFromString(std::to_string(settings.releaseVersion))), 4);
   }
-  frame.insert(frame.end(), wirePayload.begin(), wirePayload.end());
-  return frame;
-}
-
-inline Bytes referenceResponseFrame(const VKQKXPFrameSettings& settings, const Bytes& wirePayload) {
-  Bytes frame;
-  if (settings.insertAtBeginBody != 0) put16(frame, settings.insertAtBeginBody);
-  if (settings.version != 0) frame.push_back(settings.version);
-  put32(frame, static_cast<std::uint32_t>(wirePayload.size()));
-  put32(frame, crcOf(wirePayload));
   frame.insert(frame.end(), wirePayload.begin(), wirePayload.end());
   return frame;
 }
 
 inline Bytes randomBytes(std::mt19937& random, std::size_t size) {
-  std::uniform_int_distribution<int> byte(0, 255);
   Bytes bytes(size);
-  for (auto& b : bytes) b = static_cast<std::uint8_t>(byte(random));
+  for (auto& b : bytes) b = static_cast<std::uint8_t>(random());
   return bytes;
 }
 

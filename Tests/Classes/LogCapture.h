@@ -1,10 +1,14 @@
-// Captures the debug log's entries while it lives (one capture at a time).
+// Captures the debug log's entries while it lives (one capture at a time). Entries may
+// arrive from any thread.
 #pragma once
 
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "Platform/Log.h"
+
+namespace vkq::testing {
 
 class LogCapture {
  public:
@@ -18,12 +22,21 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<vkq::platform::LogEntry> entries() {
+  std::vector<vkq::platform::LogEntry> entries() const {
     std::lock_guard lock(mutex_);
     return entries_;
   }
+  // Entries whose first piece is `first`.
+  std::size_t count(const std::string& first) const {
+    std::lock_guard lock(mutex_);
+    std::size_t n = 0;
+    for (const auto& entry : entries_) n += !entry.empty() && entry.front() == first ? 1 : 0;
+    return n;
+  }
 
  private:
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::vector<vkq::platform::LogEntry> entries_;
 };
+
+}  // namespace vkq::testing

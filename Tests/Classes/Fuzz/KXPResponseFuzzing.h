@@ -10,9 +10,8 @@ namespace kxp_fuzzing {
 
 // Input layout: a settings prefix, then the answer.
 //   byte 0  flags: 0x01 compress, 0x02 begin marker, 0x04 version, 0x08 transport error,
-//           0x30 both set: nonProtocol, 0x40 patch the length field to the bytes that
-//           follow the header, 0x80 patch the CRC field to match the claimed payload
-//           (so that inputs reach unmasking and decompression)
+//           0x30 both set: nonProtocol, 0x40 the answer is the payload of a frame with
+//           matching length and CRC (so that inputs reach unmasking and decompression)
 //   byte 1  xorKey
 //   byte 2  version (0 becomes 1 when the version flag is set)
 //   byte 3-4  begin marker, big-endian (0 becomes 1 when the marker flag is set)
@@ -21,7 +20,8 @@ inline constexpr std::size_t kPrefixSize = 5;
 
 // Decodes one input and returns the result code. Aborts the process when the decoder
 // breaks a promise: a null result, an unknown code, a success without bytes (or, for
-// nonProtocol, other bytes than the answer), or a result carrying the wrong request.
+// nonProtocol, other bytes than the answer), a failure with data, a result carrying
+// the wrong request, or a changed raw answer.
 std::int64_t decodeOneInput(std::span<const std::uint8_t> input);
 
 }  // namespace kxp_fuzzing
