@@ -91,11 +91,9 @@ TEST_F(VKQNetworkAgentExchange, FailedExchangesReachTheFailureCallbackWithTheirC
   VKQKXPFrameSettings otherVersion = settings;
   otherVersion.version = 4;
   serveKXP(server, "/other-version", settings, otherVersion);
-  server.handle("/corrupt", [settings](const httplib::Request&, httplib::Response& response) {
-    auto frame = *VKQKXPServerCodec::makeResponseFrame(vkq::platform::bytesFromString("answer"), settings);
-    frame.back() ^= 0xFF;  // the payload no longer matches its CRC
-    response.set_content(std::string(frame.begin(), frame.end()), "application/octet-stream");
-  });
+  auto corrupt = *VKQKXPServerCodec::makeResponseFrame(vkq::platform::bytesFromString("answer"), settings);
+  corrupt.back() ^= 0xFF;  // the payload no longer matches its CRC
+  server.answer("/corrupt", ScriptedAnswer(200, std::string(corrupt.begin(), corrupt.end())));
   server.answer("/broken", ScriptedAnswer(500, "oops"));
   server.answer("/garbled", ScriptedAnswer(200, "{not json").type("application/json"));
   const struct {
@@ -106,7 +104,6 @@ TEST_F(VKQNetworkAgentExchange, FailedExchangesReachTheFailureCallbackWithTheirC
       {server.url("/other-version"), false, -3},
       {server.url("/corrupt"), false, -4},
       {server.url("/broken"), false, -2},
-      {server.url("/missing"), false, -2},     // 404
       {"http://127.0.0.1:1/kxp", false, -2},  // nothing listens there
       {server.url("/broken"), true, -2},
       {server.url("/garbled"), true, -2},
@@ -148,34 +145,34 @@ TEST_F(VKQNetworkAgentExchange, JSONRequestsForEveryMethod) {
   }
 }
 
-TEST_F(VKQNetworkAgentExchange, AFramingErrorFailsEarlyAndLeavesTheCallbacksAttached) {
-  auto request = kxpRequest(server.url("/kxp"), "");
-  auto calls = start(*request);
-  EXPECT_TRUE(calls->order.empty());
-  EXPECT_EQ(agent().recordCount(), 0u);
-  ASSERT_TRUE(runUntil([&] { return calls->outcomes() == 1; }));
-  EXPECT_EQ(calls->order, (Order{"completion", "failure"}));
-  EXPECT_EQ(calls->lastCode(), -2);
-  ASSERT_NE(request->error(), nullptr);
-  EXPECT_EQ(request->error()->domain(), "com.error.serialization.request");
-  EXPECT_EQ(request->error()->code(), -1016);
-  EXPECT_EQ(server.requestCount(), 0u);
-  EXPECT_TRUE(request->completionResultBlock() && request->failureResultBlock());
-}
-
-TEST_F(VKQNetworkAgentExchange, AnUnreachableNetworkFailsEveryStartWithNetworkError) {
+// Failures before anything is sent: delivered later, never registered, and the
+// callbacks stay attached.
+TEST_F(VKQNetworkAgentExchange, EarlyFailuresForFramingAndReachability) {
+  // An empty payload cannot be framed: -2 with the framing error.
+  auto unframable = kxpRequest(server.url("/kxp"), "");
+  auto framing = start(*unframable);
+  // Not reachable: -1 at every start; the task is made but never resumed.
   NetworkReachabilityManager::setStatusOverrideForTesting(NetworkReachabilityStatus::NotReachable);
-  auto request = kxpRequest(server.url("/kxp"), "ping");
+  auto unreachable = kxpRequest(server.url("/kxp"), "ping");
   LogCapture log;
-  auto calls = start(*request);
-  request->requestWithSuccess(request->successResultBlock(), request->failureResultBlock());
-  ASSERT_TRUE(runUntil([&] { return calls->outcomes() == 2; }));
-  EXPECT_EQ(calls->order, (Order{"completion", "failure", "completion", "failure"}));
-  EXPECT_EQ(calls->lastCode(), -1);
-  EXPECT_EQ(request->error(), nullptr);
-  EXPECT_NE(request->requestTask(), nullptr);  // made, never resumed
+  auto offline = start(*unreachable);
+  unreachable->requestWithSuccess(unreachable->successResultBlock(), unreachable->failureResultBlock());
+  EXPECT_TRUE(framing->order.empty() && offline->order.empty());
+  EXPECT_EQ(agent().recordCount(), 0u);
+
+  ASSERT_TRUE(runUntil([&] { return framing->outcomes() == 1 && offline->outcomes() == 2; }));
+  EXPECT_EQ(framing->order, (Order{"completion", "failure"}));
+  EXPECT_EQ(framing->lastCode(), -2);
+  ASSERT_NE(unframable->error(), nullptr);
+  EXPECT_EQ(unframable->error()->domain(), "com.error.serialization.request");
+  EXPECT_EQ(unframable->error()->code(), -1016);
+  EXPECT_EQ(offline->order, (Order{"completion", "failure", "completion", "failure"}));
+  EXPECT_EQ(offline->lastCode(), -1);
+  EXPECT_EQ(unreachable->error(), nullptr);
+  EXPECT_NE(unreachable->requestTask(), nullptr);
   EXPECT_EQ(log.count("network is not reachable"), 2u);
   EXPECT_EQ(server.requestCount(), 0u);
+  EXPECT_TRUE(unframable->failureResultBlock() && unreachable->completionResultBlock());
 }
 
 TEST_F(VKQNetworkAgentExchange, ACancelledRequestNeverHearsBack) {
