@@ -3,60 +3,119 @@
 // The destructor kills (SIGKILL) and reaps a child that is still running.
 #pragma once
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <map>
+#include <fstream>
 #include <optional>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace vkq::testing {
 
 class ChildProcess {
  public:
-  struct Options {
-    // Variables set in the child's environment on top of the test's own.
-    std::map<std::string, std::string> environment;
-    // Fed to the child's standard input (empty: /dev/null).
-    std::string standardInput;
-  };
+  enum class Stream { Output, Error };
 
-  ChildProcess(const std::string& program, const std::vector<std::string>& arguments, Options options = {});
-  ~ChildProcess();
+  // Runs `command` (the program's path, then its arguments) with standard input from
+  // /dev/null. Variables for its environment go through env(1): {"/usr/bin/env", "A=b", ...}.
+  explicit ChildProcess(std::vector<std::string> command) {
+    std::filesystem::create_directories(folder_);
+    // Everything the child needs is prepared before fork(): after it, only
+    // async-signal-safe calls.
+    std::vector<char*> argv;
+    for (std::string& argument : command) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    const std::string out = path(Stream::Output), err = path(Stream::Error);
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+      const int fds[] = {open("/dev/null", O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+                         open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
+      for (int fd = 0; fd < 3; ++fd) {
+        if (fds[fd] < 0 || dup2(fds[fd], fd) < 0) _exit(127);
+      }
+      // The test runner may block signals; the child starts with the defaults.
+      sigset_t none;
+      sigemptyset(&none);
+      sigprocmask(SIG_SETMASK, &none, nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+  }
+  ~ChildProcess() {
+    if (running()) wait(std::chrono::milliseconds(0));
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t pid() const { return pid_; }
-  // Waits until the child's standard output holds a line containing `text` and
-  // returns that line; absent on time-out or when the child exits first.
-  std::optional<std::string> waitForOutputLine(const std::string& text, std::chrono::milliseconds timeout);
-  // Waits until the child's standard error contains `text`; false on time-out.
-  bool waitForErrorText(const std::string& text, std::chrono::milliseconds timeout);
-  void signal(int signal) const;
+  // Waits until the stream holds a match of `pattern` and gives its first group (or the
+  // whole match); absent on time-out or when the child exits first.
+  std::optional<std::string> waitFor(Stream stream, const std::string& pattern, std::chrono::milliseconds timeout) {
+    const std::regex regex(pattern);
+    std::optional<std::string> found;
+    pollUntil(
+        [&] {
+          const bool alive = running();
+          const std::string text = contents(stream);
+          if (std::smatch match; std::regex_search(text, match, regex)) found = match[match.size() > 1 ? 1 : 0];
+          return found || !alive;
+        },
+        timeout);
+    return found;
+  }
+  void signal(int signal) const { kill(pid_, signal); }
   // The exit status (128 + N for a child killed by signal N); absent on time-out, in
   // which case the child is killed.
-  std::optional<int> wait(std::chrono::milliseconds timeout);
-
-  std::string standardOutput() const;
-  std::string standardError() const;
+  std::optional<int> wait(std::chrono::milliseconds timeout) {
+    if (pollUntil([&] { return !running(); }, timeout)) return status_;
+    kill(pid_, SIGKILL);
+    reap(0);
+    return std::nullopt;
+  }
+  std::string contents(Stream stream) const {
+    std::ostringstream text;
+    text << std::ifstream(path(stream), std::ios::binary).rdbuf();
+    return text.str();
+  }
 
  private:
-  bool running();
+  // Polls `condition` every 10 ms until it holds or the time-out passes.
+  template <typename Condition>
+  static bool pollUntil(Condition condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+  }
+  std::string path(Stream stream) const { return (folder_ / (stream == Stream::Output ? "out" : "err")).string(); }
+  bool running() { return !status_ && !reap(WNOHANG); }
+  // Collects the exit status; false when the child is still running.
+  bool reap(int options) {
+    int raw = 0;
+    if (waitpid(pid_, &raw, options) != pid_) return false;
+    status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    return true;
+  }
 
-  std::filesystem::path folder_;
+  const std::filesystem::path folder_ = std::filesystem::temp_directory_path() /
+      ("vkq-child-" + std::to_string(getpid()) + "-" + std::to_string(counter_.fetch_add(1)));
   pid_t pid_ = -1;
   std::optional<int> status_;
+  static inline std::atomic<int> counter_{0};
 };
-
-// Runs a program to its end (bounded by `timeout`) and gives its status and output.
-struct Completed {
-  std::optional<int> status;
-  std::string out;
-  std::string err;
-};
-Completed run(const std::string& program, const std::vector<std::string>& arguments,
-              std::chrono::milliseconds timeout = std::chrono::seconds(30), ChildProcess::Options options = {});
 
 }  // namespace vkq::testing

@@ -5,22 +5,14 @@
 namespace vkq::tool {
 namespace {
 
-TEST(ProgressLine, FormatsBytesInBinaryUnits) {
-  EXPECT_EQ(formatBytes(0), "0 B");
+TEST(ProgressLine, ShowsBinaryUnitsAndABarOnlyWhenTheTotalIsKnown) {
   EXPECT_EQ(formatBytes(1023), "1023 B");
   EXPECT_EQ(formatBytes(1024), "1.0 KiB");
   EXPECT_EQ(formatBytes(3.5 * 1024 * 1024), "3.5 MiB");
   EXPECT_EQ(formatBytes(8.0 * 1024 * 1024 * 1024), "8.0 GiB");
-}
-
-TEST(ProgressLine, ShowsBarPercentageAndRateWhenTheTotalIsKnown) {
   EXPECT_EQ(renderProgressLine(512, 1024, 2048, 10), "[#####.....]  50%  512 B / 1.0 KiB  2.0 KiB/s");
-  EXPECT_EQ(renderProgressLine(1024, 1024, 0, 4), "[####] 100%  1.0 KiB / 1.0 KiB  0 B/s");
   // More than announced never draws past the bar.
   EXPECT_EQ(renderProgressLine(2048, 1024, 0, 4), "[####] 100%  2.0 KiB / 1.0 KiB  0 B/s");
-}
-
-TEST(ProgressLine, ShowsBytesAndRateWhenTheTotalIsUnknown) {
   EXPECT_EQ(renderProgressLine(4096, -1, 1024, 10), "4.0 KiB  1.0 KiB/s");
 }
 

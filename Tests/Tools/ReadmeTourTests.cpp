@@ -10,34 +10,24 @@
 namespace {
 
 std::string readSource(const std::string& relativePath) {
-  std::ifstream file(std::string(VKQ_SOURCE_DIR) + "/" + relativePath);
   std::ostringstream text;
-  text << file.rdbuf();
+  text << std::ifstream(std::string(VKQ_SOURCE_DIR) + "/" + relativePath).rdbuf();
   return text.str();
 }
 
-// The lines between "// --8<-- NAME" and "// --8<--", without the indentation of the
+// The lines between "// --8<-- NAME" and "// --8<--", less the indentation of the
 // section's first line.
 std::vector<std::string> markedSections(const std::string& source) {
+  const std::string marker = "// --8<--";
   std::vector<std::string> sections;
-  std::istringstream lines(source);
-  std::string line;
-  std::string* section = nullptr;
-  std::size_t indent = 0;
-  while (std::getline(lines, line)) {
-    const auto marker = line.find("// --8<--");
-    if (marker != std::string::npos) {
-      if (section == nullptr) {
-        section = &sections.emplace_back();
-        indent = std::string::npos;
-      } else {
-        section = nullptr;
-      }
-      continue;
-    }
-    if (section == nullptr) continue;
-    if (indent == std::string::npos) indent = line.find_first_not_of(' ');
-    *section += (line.size() >= indent ? line.substr(indent) : line) + "\n";
+  for (auto open = source.find(marker); open != std::string::npos; open = source.find(marker, open)) {
+    const auto begin = source.find('\n', open) + 1;
+    const auto close = source.find(marker, begin);
+    const auto indent = source.find_first_not_of(' ', begin) - begin;
+    std::istringstream lines(source.substr(begin, source.rfind('\n', close) + 1 - begin));
+    std::string& section = sections.emplace_back();
+    for (std::string line; std::getline(lines, line);) section += line.substr(std::min(indent, line.size())) + "\n";
+    open = close == std::string::npos ? close : close + marker.size();
   }
   return sections;
 }

@@ -5,16 +5,12 @@
 
 #include <httplib.h>
 #include <nlohmann/json.hpp>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <regex>
-#include <string>
 #include <thread>
 
 #include "Classes/Serialization/VKQKXPServerCodec.h"
@@ -27,10 +23,10 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
-using ::testing::Not;
+using Stream = ChildProcess::Stream;
+using Arguments = std::vector<std::string>;
 
 const std::string kVkq = VKQ_BINARY;
-const std::string kTour = VKQ_TOUR_BINARY;
 
 std::string readFile(const fs::path& path) {
   std::ifstream stream(path, std::ios::binary);
@@ -39,68 +35,47 @@ std::string readFile(const fs::path& path) {
 
 void writeFile(const fs::path& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
-std::string randomText(std::size_t size) {
-  std::mt19937 random(static_cast<unsigned>(size));
-  std::string bytes(size, '\0');
-  for (char& c : bytes) c = static_cast<char>(random());
-  return bytes;
-}
-
-// A port on which nothing listens: bound once, then released.
-int closedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return ntohs(address.sin_port);
+Arguments concat(Arguments first, const Arguments& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
 }
 
 // `vkq serve` in a child process, on a free port.
-class ServeProcess {
+class ServeProcess : public ChildProcess {
  public:
-  explicit ServeProcess(std::vector<std::string> options) : child_(kVkq, withServe(std::move(options))) {
-    const auto line = child_.waitForOutputLine("listening on http://127.0.0.1:", 20s);
-    if (!line) throw std::runtime_error("vkq serve did not start: " + child_.standardError());
-    base_ = line->substr(line->find("http://"));
+  explicit ServeProcess(const Arguments& options) : ChildProcess(concat({kVkq, "serve"}, options)) {
+    base_ = waitFor(Stream::Output, R"(listening on (http://\S+)\n)", 20s).value_or("");
+    if (base_.empty()) throw std::runtime_error("vkq serve did not start: " + contents(Stream::Error));
   }
-
   std::string url(const std::string& path) const { return base_ + path; }
-  ChildProcess& process() { return child_; }
-  std::string log() const { return child_.standardError(); }
 
  private:
-  static std::vector<std::string> withServe(std::vector<std::string> options) {
-    options.insert(options.begin(), "serve");
-    return options;
-  }
-
-  ChildProcess child_;
   std::string base_;
 };
 
 class VkqTool : public ::testing::Test {
  protected:
-  void SetUp() override {
-    folder_ = fs::temp_directory_path() /
-              ("vkq-tool-test-" + std::to_string(getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(folder_);
-    fs::create_directories(folder_ / "tmp");
-    fs::create_directories(folder_ / "root");
-  }
+  void SetUp() override { fs::create_directories(folder_ / "tmp"); }
   void TearDown() override { fs::remove_all(folder_); }
 
-  // The client's temporary folder (and so its resume data) is the test's own.
-  ChildProcess::Options clientOptions() const { return {{{"TMPDIR", (folder_ / "tmp").string()}}, ""}; }
-  Completed vkq(const std::vector<std::string>& arguments) {
-    return run(kVkq, arguments, 60s, clientOptions());
+  // A command line that runs `program` with the test's own temporary folder (and so
+  // its own resume data).
+  Arguments inFolder(const Arguments& arguments, const std::string& program = kVkq) const {
+    return concat({"/usr/bin/env", "TMPDIR=" + (folder_ / "tmp").string(), program}, arguments);
+  }
+  // Runs `program` to its end (at most a minute).
+  struct Completed {
+    std::optional<int> status;
+    std::string out, err;
+  };
+  Completed vkq(const Arguments& arguments, const std::string& program = kVkq) {
+    ChildProcess child(inFolder(arguments, program));
+    const auto status = child.wait(60s);
+    return {status, child.contents(Stream::Output), child.contents(Stream::Error)};
   }
 
-  fs::path folder_;
+  const fs::path folder_ = fs::temp_directory_path() / ("vkq-tool-test-" + std::to_string(getpid()) + "-" +
+                                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
 };
 
 TEST_F(VkqTool, HelpPrintsUsageOnStandardOutputAndSucceeds) {
@@ -116,246 +91,173 @@ TEST_F(VkqTool, HelpPrintsUsageOnStandardOutputAndSucceeds) {
 }
 
 TEST_F(VkqTool, BadArgumentsExitWith64AndAUsageMessage) {
-  const std::vector<std::vector<std::string>> lines = {
-      {},
-      {"fetch"},
-      {"kxp", "http://127.0.0.1:1/kxp/echo", "--data", "x", "--xor-key", "256"},
-      {"kxp", "http://127.0.0.1:1/kxp/echo"},
-      {"json", "http://127.0.0.1:1/json/echo", "--arg", "{"},
-      {"download", "http://127.0.0.1:1/files/a"},
-      {"serve", "--port", "70000"},
-  };
-  for (const auto& line : lines) {
+  for (const Arguments& line : {Arguments{}, {"fetch"}, {"kxp", "http://127.0.0.1:1/kxp/echo"}, {"serve", "-p"}}) {
     const auto result = vkq(line);
     EXPECT_EQ(result.status, 64) << ::testing::PrintToString(line);
-    EXPECT_THAT(result.err, HasSubstr("usage: vkq")) << ::testing::PrintToString(line);
+    EXPECT_THAT(result.err, HasSubstr("usage: vkq"));
     EXPECT_EQ(result.out, "");
   }
 }
 
-TEST_F(VkqTool, KXPEchoWithTheDefaults) {
-  ServeProcess server({});
-  const auto result = vkq({"kxp", server.url("/kxp/echo"), "--data", "hello, kxp"});
+TEST_F(VkqTool, KXPEchoesThroughServeWithTheDefaultsAndWithEveryKindOfFrameSetting) {
+  ServeProcess plain({});
+  const auto result = vkq({"kxp", plain.url("/kxp/echo"), "--data", "hello, kxp"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "hello, kxp");
-}
 
-TEST_F(VkqTool, KXPEchoWithKeyVersionAndIdentityFromAFileToAFile) {
-  const std::vector<std::string> frame = {"--xor-key",    "0x5A",   "--version",         "3",
-                                          "--package-name", "com.vkq.demo", "--release-version", "7"};
-  std::vector<std::string> serve = frame;
-  ServeProcess server(serve);
-  const std::string payload = randomText(100000);
+  // From a file to a file; the payload is random, so it does not compress.
+  const Arguments frame = {"--xor-key", "0x5A", "--version", "3", "--package-name", "com.vkq.demo",
+                           "--release-version", "7"};
+  ServeProcess framed(frame);
+  std::string payload(100000, '\0');
+  std::generate(payload.begin(), payload.end(), std::mt19937(1));
   writeFile(folder_ / "payload.bin", payload);
-
-  std::vector<std::string> line = {"kxp", server.url("/kxp/echo"), "--data-file", (folder_ / "payload.bin").string(),
-                                   "--output", (folder_ / "answer.bin").string()};
-  line.insert(line.end(), frame.begin(), frame.end());
-  const auto result = vkq(line);
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "");
+  const auto toFile = vkq(concat({"kxp", framed.url("/kxp/echo"), "--data-file", (folder_ / "payload.bin").string(),
+                                  "--output", (folder_ / "answer.bin").string()},
+                                 frame));
+  EXPECT_EQ(toFile.status, 0) << toFile.err;
+  EXPECT_EQ(toFile.out, "");
   EXPECT_TRUE(readFile(folder_ / "answer.bin") == payload);
 }
 
-TEST_F(VkqTool, KXPFrameTheServerRefusesIsAnHttpError) {
-  ServeProcess server({"--version", "2"});
-  const auto result = vkq({"kxp", server.url("/kxp/echo"), "--data", "x", "--version", "3"});
-  EXPECT_EQ(result.status, 2);
-  EXPECT_THAT(result.err, HasSubstr("http error (code -2)"));
-  EXPECT_THAT(result.err, HasSubstr("400"));
-  EXPECT_THAT(result.err, HasSubstr("the server said: kxp frame refused: protocol version 0x03, expected 0x02"));
-}
-
-// An in-process server that answers every KXP request with `body`.
-class ScriptedKXPServer {
- public:
-  explicit ScriptedKXPServer(ScriptedAnswer answer) { server_.answer("/kxp", std::move(answer)); }
-  std::string url() const { return server_.url("/kxp"); }
-  TestServer& server() { return server_; }
-
- private:
-  TestServer server_;
-};
-
-std::string responseFrame(const std::string& payload, const VKQKXPFrameSettings& settings) {
-  const auto frame = VKQKXPServerCodec::makeResponseFrame(
-      std::span(reinterpret_cast<const std::uint8_t*>(payload.data()), payload.size()), settings);
+std::string responseFrame(const VKQKXPFrameSettings& settings) {
+  const auto frame = VKQKXPServerCodec::makeResponseFrame(vkq::platform::Bytes{'o', 'k'}, settings);
   return std::string(frame->begin(), frame->end());
 }
 
-TEST_F(VkqTool, AnswerOfAnotherVersionIsAProtocolError) {
-  VKQKXPFrameSettings settings;
-  settings.insertAtBeginBody = 0x2018;
-  settings.compress = true;
+TEST_F(VkqTool, EachFailureExitsWithItsStatusAndSaysWhy) {
+  ServeProcess version2({"--version", "2"});
+  TestServer scripted;
+  VKQKXPFrameSettings settings{.compress = true, .insertAtBeginBody = 0x2018};
+  std::string corrupted = responseFrame(settings);
+  corrupted.back() = static_cast<char>(corrupted.back() ^ 0x40);
+  scripted.answer("/corrupted", ScriptedAnswer(200, corrupted).type("application/octet-stream"));
   settings.version = 9;
-  ScriptedKXPServer server(ScriptedAnswer(200, responseFrame("payload", settings)).type("application/octet-stream"));
-  const auto result = vkq({"kxp", server.url(), "--data", "x", "--version", "3"});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("protocol error (code -3)"));
-  EXPECT_EQ(result.out, "");
+  scripted.answer("/version-9", ScriptedAnswer(200, responseFrame(settings)).type("application/octet-stream"));
+  scripted.answer("/500", ScriptedAnswer(500, "boom"));
+  scripted.answer("/stall", ScriptedAnswer().neverAnswer());
+  // A port on which nothing listens once the server is gone.
+  const std::string closedURL = [] { return TestServer().url("/json/echo"); }();
+
+  const struct {
+    Arguments arguments;
+    int status;
+    const char* says;
+  } cases[] = {
+      {{"json", closedURL}, 2, "http error (code -2)"},
+      {{"json", scripted.url("/stall"), "--timeout", "0.5"}, 2, "http error (code -2)"},
+      {{"kxp", scripted.url("/500"), "--data", "x"}, 2, "500"},
+      {{"kxp", version2.url("/kxp/echo"), "--data", "x", "--version", "3"}, 2,
+       "the server said: kxp frame refused: protocol version 0x03, expected 0x02"},
+      {{"kxp", scripted.url("/version-9"), "--data", "x", "--version", "3"}, 3, "protocol error (code -3)"},
+      {{"kxp", scripted.url("/corrupted"), "--data", "x"}, 4, "server error (code -4)"},
+  };
+  for (const auto& [arguments, status, says] : cases) {
+    const auto result = vkq(arguments);
+    EXPECT_EQ(result.status, status) << arguments[1];
+    EXPECT_THAT(result.err, HasSubstr(says)) << arguments[1];
+    EXPECT_EQ(result.out, "");
+  }
 }
 
-TEST_F(VkqTool, CorruptedAnswerIsAServerError) {
-  VKQKXPFrameSettings settings;
-  settings.insertAtBeginBody = 0x2018;
-  settings.compress = true;
-  std::string frame = responseFrame("payload", settings);
-  frame.back() = static_cast<char>(frame.back() ^ 0x40);
-  ScriptedKXPServer server(ScriptedAnswer(200, frame).type("application/octet-stream"));
-  const auto result = vkq({"kxp", server.url(), "--data", "x"});
-  EXPECT_EQ(result.status, 4);
-  EXPECT_THAT(result.err, HasSubstr("server error (code -4)"));
-}
-
-TEST_F(VkqTool, StatusFiveHundredIsAnHttpError) {
-  ScriptedKXPServer server(ScriptedAnswer(500, "boom").type("text/plain"));
-  const auto result = vkq({"kxp", server.url(), "--data", "x"});
-  EXPECT_EQ(result.status, 2);
-  EXPECT_THAT(result.err, HasSubstr("500"));
-}
-
-TEST_F(VkqTool, ClosedPortIsAnHttpError) {
-  const auto result = vkq({"json", "http://127.0.0.1:" + std::to_string(closedPort()) + "/json/echo"});
-  EXPECT_EQ(result.status, 2);
-  EXPECT_THAT(result.err, HasSubstr("http error (code -2)"));
-}
-
-TEST_F(VkqTool, JSONEchoOfAQueryAndOfBodies) {
+TEST_F(VkqTool, JSONEchoesAQueryAndABodyAndSendsHeadersAndAuthorization) {
   ServeProcess server({});
   const auto get = vkq({"json", server.url("/json/echo"), "--arg", R"({"q":"tour","n":2})"});
   EXPECT_EQ(get.status, 0) << get.err;
   EXPECT_EQ(nlohmann::json::parse(get.out), nlohmann::json({{"q", "tour"}, {"n", "2"}}));  // a query has only texts
+  const auto patch = vkq({"json", server.url("/json/echo"), "--method", "PATCH", "--arg", R"({"a":[1,true,null]})"});
+  EXPECT_EQ(patch.status, 0) << patch.err;
+  EXPECT_EQ(nlohmann::json::parse(patch.out), nlohmann::json::parse(R"({"a":[1,true,null]})"));
 
-  for (const char* method : {"POST", "PUT", "PATCH"}) {
-    const auto sent = vkq({"json", server.url("/json/echo"), "--method", method, "--arg", R"({"a":[1,true,null]})"});
-    EXPECT_EQ(sent.status, 0) << method << sent.err;
-    EXPECT_EQ(nlohmann::json::parse(sent.out), nlohmann::json::parse(R"({"a":[1,true,null]})")) << method;
-  }
-}
-
-TEST_F(VkqTool, JSONSendsHeadersAndBasicAuthorization) {
-  TestServer server;
-  server.answer("/json", ScriptedAnswer(200, R"({"ok":true})").type("application/json"));
-  const auto result = vkq({"json", server.url("/json"), "--header", "X-Trace: 7", "--user", "me", "--password", "pw"});
-  EXPECT_EQ(result.status, 0) << result.err;
-  ASSERT_EQ(server.requestCount(), 1u);
-  const RecordedRequest request = server.requests().front();
-  EXPECT_EQ(request.header("X-Trace"), "7");
-  EXPECT_EQ(request.header("Authorization"), "Basic bWU6cHc=");
-}
-
-TEST_F(VkqTool, TimeoutEndsAStalledExchange) {
-  TestServer server;
-  server.answer("/json", ScriptedAnswer().neverAnswer());
-  const auto started = std::chrono::steady_clock::now();
-  const auto result = vkq({"json", server.url("/json"), "--timeout", "0.5"});
-  EXPECT_EQ(result.status, 2);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 20s);
-  server.stop();
-}
-
-class VkqDownload : public VkqTool {
- protected:
-  static constexpr std::size_t kSize = 3 << 20;
-  static constexpr const char* kRate = "1048576";  // 3 s for the whole file
-
-  void SetUp() override {
-    VkqTool::SetUp();
-    content_ = randomText(kSize);
-    writeFile(folder_ / "root" / "big.bin", content_);
-  }
-
-  ChildProcess startDownload(ServeProcess& server) {
-    return ChildProcess(kVkq, {"download", server.url("/files/big.bin"), target().string()}, clientOptions());
-  }
-  fs::path target() const { return folder_ / "big.bin"; }
-
-  // Lets the download run for a while once the server has begun to send: about a
-  // sixth of the file at the server's rate.
-  static void partWay(ServeProcess& server) {
-    ASSERT_TRUE(server.process().waitForErrorText("sending bytes 0-", 20s)) << server.log();
-    std::this_thread::sleep_for(500ms);
-  }
-
-  std::string content_;
-};
-
-TEST_F(VkqDownload, RunsToAByteExactFile) {
-  ServeProcess server({"--root", (folder_ / "root").string()});
-  const auto result = vkq({"download", server.url("/files/big.bin"), target().string()});
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.err, HasSubstr("saved " + target().string()));
-  EXPECT_TRUE(readFile(target()) == content_);
-}
-
-TEST_F(VkqDownload, InterruptedBySIGINTResumesOnTheNextRun) {
-  ServeProcess server({"--root", (folder_ / "root").string(), "--rate-limit", kRate});
-  {
-    ChildProcess first = startDownload(server);
-    partWay(server);
-    first.signal(SIGINT);
-    EXPECT_EQ(first.wait(20s), 130);
-    EXPECT_THAT(first.standardError(), HasSubstr("interrupted"));
-  }
-  const auto second = vkq({"download", server.url("/files/big.bin"), target().string()});
-  EXPECT_EQ(second.status, 0) << second.err;
-  EXPECT_TRUE(readFile(target()) == content_);
-
-  // The second request asked for the rest only.
-  std::smatch match;
-  const std::string log = server.log();
-  ASSERT_TRUE(std::regex_search(log, match, std::regex(R"(206  Range: bytes=(\d+)-)"))) << log;
-  const auto resumedAt = std::stoull(match[1]);
-  EXPECT_GT(resumedAt, 0u);
-  EXPECT_LT(resumedAt, kSize);
-}
-
-TEST_F(VkqDownload, KilledWithoutResumeDataStartsAfreshOnTheNextRun) {
-  ServeProcess server({"--root", (folder_ / "root").string(), "--rate-limit", kRate});
-  {
-    ChildProcess first = startDownload(server);
-    partWay(server);
-    first.signal(SIGKILL);
-    EXPECT_EQ(first.wait(20s), 128 + SIGKILL);
-  }
-  const auto second = vkq({"download", server.url("/files/big.bin"), target().string()});
-  EXPECT_EQ(second.status, 0) << second.err;
-  EXPECT_TRUE(readFile(target()) == content_);
-  EXPECT_THAT(server.log(), Not(HasSubstr("Range:")));
-}
-
-TEST_F(VkqDownload, TheReadmeTourRunsAgainstTheServer) {
-  ServeProcess server({"--root", (folder_ / "root").string()});
-  const auto result = run(kTour, {server.url("")}, 60s, clientOptions());
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("kxp answer: hello, kxp\n"));
-  EXPECT_THAT(result.out, HasSubstr(R"(json answer: {"city":"Oslo","days":3})"));
-  EXPECT_THAT(result.out, HasSubstr("downloaded to " + (folder_ / "tmp" / "vkq-tour-big.bin").string()));
-  EXPECT_TRUE(readFile(folder_ / "tmp" / "vkq-tour-big.bin") == content_);
+  TestServer recorder;
+  recorder.answer("/json", ScriptedAnswer(200, "{}").type("application/json"));
+  EXPECT_EQ(vkq({"json", recorder.url("/json"), "--header", "X-Trace: 7", "--user", "me", "--password", "pw"}).status,
+            0);
+  ASSERT_EQ(recorder.requestCount(), 1u);
+  EXPECT_EQ(recorder.requests().front().header("X-Trace"), "7");
+  EXPECT_EQ(recorder.requests().front().header("Authorization"), "Basic bWU6cHc=");
 }
 
 TEST_F(VkqTool, ServeStopsCleanlyOnSIGINTAndSIGTERM) {
   for (int signal : {SIGINT, SIGTERM}) {
     ServeProcess server({});
-    server.process().signal(signal);
-    EXPECT_EQ(server.process().wait(10s), 0) << signal;
+    server.signal(signal);
+    EXPECT_EQ(server.wait(10s), 0) << signal;
   }
 }
 
-TEST_F(VkqTool, ServeRefusesPathsOutsideItsRoot) {
-  writeFile(folder_ / "secret.txt", "secret");
-  writeFile(folder_ / "root" / "a.txt", "inside");
-  ServeProcess server({"--root", (folder_ / "root").string()});
-  httplib::Client client(server.url(""));
-  const auto inside = client.Get("/files/a.txt");
-  ASSERT_TRUE(inside);
-  EXPECT_EQ(inside->status, 200);
-  EXPECT_EQ(inside->body, "inside");
-  for (const char* path : {"/files/../secret.txt", "/files/%2e%2e/secret.txt", "/files/a/../../secret.txt"}) {
-    const auto refused = client.Get(path);
-    ASSERT_TRUE(refused) << path;
-    EXPECT_EQ(refused->status, 403) << path;
+class VkqDownload : public VkqTool {
+ protected:
+  static constexpr std::size_t kSize = 3 << 20;
+
+  void SetUp() override {
+    VkqTool::SetUp();
+    content_.resize(kSize);
+    std::generate(content_.begin(), content_.end(), std::mt19937(2));
+    fs::create_directories(folder_ / "root");
+    writeFile(folder_ / "root" / "big.bin", content_);
   }
+  Arguments root() const { return {"--root", (folder_ / "root").string()}; }
+  Arguments download(const ServeProcess& server) const {
+    return {"download", server.url("/files/big.bin"), (folder_ / "big.bin").string()};
+  }
+
+  // Downloads from `vkq serve` at 1 MiB/s (3 s for the file), ends the client with
+  // `signal` after about a sixth of the file, then downloads again to the end. Gives
+  // the server's log.
+  std::string interruptAndRunAgain(int signal, int interruptedStatus) {
+    ServeProcess server(concat(root(), {"--rate-limit", "1048576"}));
+    {
+      ChildProcess first(inFolder(download(server)));
+      EXPECT_TRUE(server.waitFor(Stream::Error, "sending bytes 0-", 20s)) << server.contents(Stream::Error);
+      std::this_thread::sleep_for(500ms);
+      first.signal(signal);
+      EXPECT_EQ(first.wait(20s), interruptedStatus);
+    }
+    const auto second = vkq(download(server));
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_THAT(second.err, HasSubstr("saved " + (folder_ / "big.bin").string()));
+    EXPECT_TRUE(readFile(folder_ / "big.bin") == content_);
+    return server.contents(Stream::Error);
+  }
+
+  std::string content_;
+};
+
+TEST_F(VkqDownload, InterruptedBySIGINTResumesOnTheNextRun) {
+  const std::string log = interruptAndRunAgain(SIGINT, 130);
+  // The second request asked for the rest only.
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(log, match, std::regex(R"(206  Range: bytes=(\d+)-)"))) << log;
+  EXPECT_GT(std::stoull(match[1]), 0u);
+  EXPECT_LT(std::stoull(match[1]), kSize);
+}
+
+TEST_F(VkqDownload, KilledWithoutResumeDataStartsAfreshOnTheNextRun) {
+  EXPECT_THAT(interruptAndRunAgain(SIGKILL, 128 + SIGKILL), ::testing::Not(HasSubstr("Range:")));
+}
+
+TEST_F(VkqDownload, ServeRefusesPathsOutsideItsRoot) {
+  writeFile(folder_ / "secret.txt", "secret");
+  ServeProcess server(root());
+  httplib::Client client(server.url(""));
+  for (const auto& [path, status] : {std::pair{"/files/big.bin", 200}, {"/files/../secret.txt", 403},
+                                     {"/files/%2e%2e/secret.txt", 403}, {"/files/a/../../secret.txt", 403}}) {
+    const auto answer = client.Get(path);
+    ASSERT_TRUE(answer) << path;
+    EXPECT_EQ(answer->status, status) << path;
+  }
+}
+
+TEST_F(VkqDownload, TheReadmeTourRunsAgainstTheServer) {
+  ServeProcess server(root());
+  const auto result = vkq({server.url("")}, VKQ_TOUR_BINARY);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("kxp answer: hello, kxp\n"));
+  EXPECT_THAT(result.out, HasSubstr(R"(json answer: {"city":"Oslo","days":3})"));
+  const fs::path downloaded = folder_ / "tmp" / "vkq-tour-big.bin";
+  EXPECT_THAT(result.out, HasSubstr("downloaded to " + downloaded.string()));
+  EXPECT_TRUE(readFile(downloaded) == content_);
 }
 
 }  // namespace
