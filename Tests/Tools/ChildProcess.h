@@ -22,6 +22,12 @@
 
 namespace vkq::testing {
 
+inline std::string readFile(const std::filesystem::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
 class ChildProcess {
  public:
   enum class Stream { Output, Error };
@@ -84,11 +90,7 @@ class ChildProcess {
     reap(0);
     return std::nullopt;
   }
-  std::string contents(Stream stream) const {
-    std::ostringstream text;
-    text << std::ifstream(path(stream), std::ios::binary).rdbuf();
-    return text.str();
-  }
+  std::string contents(Stream stream) const { return readFile(path(stream)); }
 
  private:
   // Polls `condition` every 10 ms until it holds or the time-out passes.
