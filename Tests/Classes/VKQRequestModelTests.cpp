@@ -80,14 +80,16 @@ TEST(VKQVeskRequest, StartingARequestNotOwnedBySharedPtrIsAProgrammingError) {
 
 // Everything an initializer decides, as one comparable (and printable) value: method,
 // request and response serializer, version, key, compress, begin marker, OS type,
-// package name, release version, big-endian, nonProtocol, header fields.
-using Settings = std::tuple<VKQRequestMethod, VKQRequestSerializerType, VKQResponseSerializerType, int, int, bool, int,
-                            bool, std::optional<std::string>, std::int32_t, bool, bool, std::optional<VKQHeaderDictionary>>;
+// package name, release version, big-endian, nonProtocol, header fields, time-out,
+// cellular access.
+using Settings = std::tuple<VKQRequestMethod, VKQRequestSerializerType, VKQResponseSerializerType, int, int, bool, int, bool,
+                            std::optional<std::string>, std::int32_t, bool, bool, std::optional<VKQHeaderDictionary>, double, bool>;
 
 Settings settingsOf(const VKQVeskRequest& r) {
-  return {r.requestMethod(), r.requestSerializerType(), r.responseSerializerType(), r.version(), r.xorKey(),
-          r.compress(),      r.insertAtBeginBody(),     r.uploadOSType(),           r.packageName(), r.releaseVersion(),
-          r.bigEndian(),     r.nonProtocol(),           r.requestHeaderFieldValueDictionary()};
+  return {r.requestMethod(), r.requestSerializerType(), r.responseSerializerType(), r.version(),
+          r.xorKey(),        r.compress(),              r.insertAtBeginBody(),      r.uploadOSType(),
+          r.packageName(),   r.releaseVersion(),        r.bigEndian(),              r.nonProtocol(),
+          r.requestHeaderFieldValueDictionary(), r.requestTimeoutInterval(), r.allowsCellularAccess()};
 }
 
 TEST(VKQVesk, EachInitializerStartsFromItsOwnDefaults) {
@@ -102,22 +104,22 @@ TEST(VKQVesk, EachInitializerStartsFromItsOwnDefaults) {
     Settings expected;
   } table[] = {
       {"base request", std::make_shared<VKQVeskRequest>(),
-       {POST, KXPIn, KXPOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, std::nullopt}},
+       {POST, KXPIn, KXPOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, std::nullopt, 60.0, true}},
       // Every field zero.
       {"plain builder", std::make_shared<VKQVesk>(),
-       {GET, JSONIn, JSONOut, 0, 0, false, 0, false, std::nullopt, 0, false, false, std::nullopt}},
+       {GET, JSONIn, JSONOut, 0, 0, false, 0, false, std::nullopt, 0, false, false, std::nullopt, 60.0, true}},
       // The KXP defaults, then the arguments.
       {"KXP", VKQVesk::initWithKXPUrl("u", data),
-       {POST, KXPIn, KXPOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, octets}},
+       {POST, KXPIn, KXPOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, octets, 60.0, true}},
       {"KXP with key and version", VKQVesk::initWithKXPUrl("u", data, 0x5A, 3),
-       {POST, KXPIn, KXPOut, 3, 0x5A, true, 0x2018, true, std::nullopt, -1, true, false, octets}},
+       {POST, KXPIn, KXPOut, 3, 0x5A, true, 0x2018, true, std::nullopt, -1, true, false, octets, 60.0, true}},
       {"JSON", VKQVesk::initWithJSONUrl("u", JSON{{"q", 1}}),
-       {POST, JSONIn, JSONOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, std::nullopt}},
+       {POST, JSONIn, JSONOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, std::nullopt, 60.0, true}},
       {"JSON by PUT", VKQVesk::initWithJSONUrl("u", nullptr, PUT),
-       {PUT, JSONIn, JSONOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, std::nullopt}},
+       {PUT, JSONIn, JSONOut, 0, 0, true, 0x2018, true, std::nullopt, -1, true, false, std::nullopt, 60.0, true}},
       // No KXP defaults: a raw, unframed GET.
       {"download", VKQVesk::initWithDownloadURL("u", "/tmp/f.zip", nullptr),
-       {GET, JSONIn, KXPOut, 0, 0, false, 0, false, std::nullopt, 0, false, true, std::nullopt}},
+       {GET, JSONIn, KXPOut, 0, 0, false, 0, false, std::nullopt, 0, false, true, std::nullopt, 60.0, true}},
   };
   for (const auto& row : table) EXPECT_EQ(settingsOf(*row.request), row.expected) << row.name;
 
@@ -138,7 +140,7 @@ TEST(VKQVesk, PromisesChainInOneExpressionAndSetTheirOwnField) {
   EXPECT_EQ(end, vesk);
   EXPECT_EQ(settingsOf(*vesk), Settings(VKQRequestMethodGET, VKQRequestSerializerTypeKXP, VKQResponseSerializerTypeJSON,
                                         2, 0x5A, false, 0x1234, false, "com.example", -2 /* bit for bit */, false, true,
-                                        VKQHeaderDictionary{{"X-A", "1"}}));
+                                        VKQHeaderDictionary{{"X-A", "1"}}, 60.0, true));
   vesk->POST()->requestMethedPromise()(VKQRequestMethodPATCH)->headersPromise()(std::nullopt);
   EXPECT_EQ(vesk->requestMethod(), VKQRequestMethodPATCH);
   EXPECT_EQ(vesk->requestHeaderFieldValueDictionary(), std::nullopt);
