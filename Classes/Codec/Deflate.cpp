@@ -16,10 +16,15 @@ struct DecompressorDeleter {
   void operator()(libdeflate_decompressor* decompressor) const { libdeflate_free_decompressor(decompressor); }
 };
 
-// The calling thread's compressor, made on first use; null when memory runs out.
-libdeflate_compressor* threadCompressor() {
-  thread_local std::unique_ptr<libdeflate_compressor, CompressorDeleter> compressor;
-  if (!compressor) compressor.reset(libdeflate_alloc_compressor(Deflate::kCompressionLevel));
+using Compressor = std::unique_ptr<libdeflate_compressor, CompressorDeleter>;
+
+// The calling thread's compressor for `size` input bytes, made on first use; null when
+// memory runs out.
+libdeflate_compressor* threadCompressor(std::size_t size) {
+  const bool store = size <= Deflate::kMaxStoredSize;
+  thread_local Compressor compressors[2];  // [store]
+  Compressor& compressor = compressors[store];
+  if (!compressor) compressor.reset(libdeflate_alloc_compressor(store ? 0 : Deflate::kCompressionLevel));
   return compressor.get();
 }
 
@@ -45,7 +50,7 @@ namespace Deflate {
 
 std::optional<Bytes> compress(std::span<const std::uint8_t> bytes) {
   if (bytes.empty()) return std::nullopt;
-  libdeflate_compressor* compressor = threadCompressor();
+  libdeflate_compressor* compressor = threadCompressor(bytes.size());
   if (compressor == nullptr) return std::nullopt;
   const std::size_t bound = libdeflate_zlib_compress_bound(compressor, bytes.size());
   const Scratch out = std::make_unique_for_overwrite<std::uint8_t[]>(bound);
