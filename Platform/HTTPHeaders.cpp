@@ -82,6 +82,8 @@ std::string HTTPHeaders::description() const {
   return text + "}";
 }
 
-bool isSafeHeaderText(std::string_view text) { return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos; }
+bool isSafeHeaderText(std::string_view text) {
+  return std::none_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
+}
 
 }  // namespace vkq::platform

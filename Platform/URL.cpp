@@ -106,6 +106,11 @@ std::string currentDirectory() {
 }  // namespace
 
 std::optional<URL> URL::URLWithString(std::string_view text) {
+  // An application talks to a few endpoints, so the same text comes again and again
+  // (the agent alone parses each request's URL more than once): each thread keeps the
+  // last URL it parsed.
+  thread_local std::optional<URL> last;
+  if (last && last->text_ == text) return last;
   if (text.empty() || !hasValidCharacters(text)) return std::nullopt;
   const Components components = splitReference(text);
   Parts parts;
@@ -126,7 +131,8 @@ std::optional<URL> URL::URLWithString(std::string_view text) {
     parts.host = std::move(host);
     if (auto port = curlPart(handle, CURLUPART_PORT)) parts.port = std::stoi(*port);
   }
-  return URL(std::string(text), std::move(parts));
+  last = URL(std::string(text), std::move(parts));
+  return last;
 }
 
 std::optional<URL> URL::URLWithString(std::string_view text, const URL& base) {
