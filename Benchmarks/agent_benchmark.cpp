@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "Benchmarks/PairedRatios.h"
 #include "Classes/Serialization/Request/VKQHTTPRequestSerializer.h"
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Classes/VKQNetworkAgent.h"
@@ -40,6 +41,8 @@
 
 namespace {
 
+using benchmark_summary::median;
+using benchmark_summary::pairedRatios;
 using vkq::platform::Bytes;
 using vkq::platform::ErrorPtr;
 
@@ -174,12 +177,6 @@ void transportExchanges(benchmark::State& state) {
   if (completions.failures > 0) state.SkipWithError("exchanges failed");
 }
 
-double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 // 1,000 agent requests held by the server; returns the RSS growth per request in bytes.
 double heldRequestsMemory(int releaseFd, int arrivedFd) {
   const long before = residentKiB();
@@ -302,6 +299,10 @@ int main(int argc, char** argv) {
               transportRps > 0 ? plainRps / transportRps : 0);
   std::printf("  client CPU per exchange: agent %.1f us, uncompressed %.1f us, transport alone %.1f us\n", agentCpu,
               plainCpu, transportCpu);
+  std::printf("Ratios of the interleaved repetitions (agent/transport), median (lowest-highest):\n");
+  std::printf("  exchanges/s %s, client CPU per exchange %s\n",
+              pairedRatios(results["KXP/agent/rps"], results["KXP/transport/rps"]).c_str(),
+              pairedRatios(results["KXP/agent/cpu"], results["KXP/transport/cpu"]).c_str());
   const double perRequest = heldRequestsMemory(server.releaseFd, server.arrivedFd);
   std::printf("  -> %.0f bytes of RSS per request in flight\n", perRequest);
   return 0;

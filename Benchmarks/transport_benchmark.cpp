@@ -31,10 +31,14 @@
 #include <string>
 #include <vector>
 
+#include "Benchmarks/PairedRatios.h"
 #include "Platform/HTTPSessionManager.h"
 #include "Tests/Support/TestServer.h"
 
 namespace {
+
+using benchmark_summary::median;
+using benchmark_summary::pairedRatios;
 
 namespace fs = std::filesystem;
 using vkq::platform::HTTPSessionManager;
@@ -43,7 +47,7 @@ constexpr int kRequests = 10'000;
 constexpr int kInFlight = 32;
 constexpr std::size_t kSmallSize = 64;
 constexpr std::size_t kLargeSize = std::size_t{256} << 20;
-constexpr int kRepetitions = 5;
+constexpr int kRepetitions = 7;
 constexpr int kDownloadRepetitions = 3;
 
 std::string baseURL;
@@ -286,12 +290,6 @@ void curlToolDownload(benchmark::State& state) {
   }
 }
 
-double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 void printSummary() {
   const double sessionRps = median(results["SmallGets/session/rps"]);
   const double curlRps = median(results["SmallGets/curl/rps"]);
@@ -306,6 +304,10 @@ void printSummary() {
               sessionCpu, curlCpu, curlCpu > 0 ? sessionCpu / curlCpu : 0);
   std::printf("  256 MiB download: session %.0f MiB/s, curl tool %.0f MiB/s -> ratio %.3f (target >= 0.95)\n",
               sessionMiB, toolMiB, toolMiB > 0 ? sessionMiB / toolMiB : 0);
+  std::printf("Ratios of the interleaved pairs, median (lowest-highest):\n");
+  std::printf("  small GETs req/s %s, CPU per request %s\n",
+              pairedRatios(results["SmallGets/session/rps"], results["SmallGets/curl/rps"]).c_str(),
+              pairedRatios(results["SmallGets/session/cpu"], results["SmallGets/curl/cpu"]).c_str());
 }
 
 // Serves /small and /large from a child process until the parent closes the pipe.
