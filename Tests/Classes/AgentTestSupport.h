@@ -33,7 +33,6 @@ class FieldRequest : public VKQVeskRequest {
   std::string urlValue, hostValue, pathValue;
   VKQRequestMethod method = VKQRequestMethodPOST;
   VKQRequestSerializerType requestType = VKQRequestSerializerTypeKXP;
-  VKQResponseSerializerType responseType = VKQResponseSerializerTypeKXP;
   std::optional<VKQHeaderDictionary> headers;
   std::optional<std::vector<std::string>> authorization;
   double timeout = 60.0;
@@ -44,7 +43,6 @@ class FieldRequest : public VKQVeskRequest {
   std::string path() const override { return pathValue; }
   VKQRequestMethod requestMethod() const override { return method; }
   VKQRequestSerializerType requestSerializerType() const override { return requestType; }
-  VKQResponseSerializerType responseSerializerType() const override { return responseType; }
   std::optional<VKQHeaderDictionary> requestHeaderFieldValueDictionary() const override { return headers; }
   std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const override { return authorization; }
   double requestTimeoutInterval() const override { return timeout; }

@@ -76,55 +76,31 @@ TEST(VKQNetworkAgentSerializers, PicksTheSerializerByTypeAndConfiguresIt) {
 class VKQNetworkAgentDebugLog : public AgentTest {};
 
 TEST_F(VKQNetworkAgentDebugLog, ShowsTheURLTheSettingsAndTheDefaultHeaderFieldsToTheLetter) {
-  auto defaults = std::make_shared<FieldRequest>();
-  defaults->urlValue = "http://h.example/kxp";
-  auto custom = VKQVesk::initWithKXPUrl("http://h.example/k", nullptr, 0xAB, 2);
-  custom->compressPromise()(false)->packageNamePromise()("com.example.app")->releaseVersionPromise()(7);
-  custom->bigEndianPromise()(false)->uploadOSTypePromise()(false)->insertAtBeginBodyPromise()(0x1234);
-  custom->nonProtocolPromise()()->headersPromise()(VKQHeaderDictionary{{"X-Trace", "on"}});
-  const struct {
-    std::shared_ptr<VKQVeskRequest> request;
-    std::string text;  // up to the header line
-  } table[] = {
-      {defaults,
-       "\n"
-       "                           url                 =  http://h.example/kxp\n"
-       "                           version             =  0\n"
-       "                           xorKey              =  0x0\n"
-       "                           compress            =  YES\n"
-       "                           insertAtBeginBody   =  8216\n"
-       "                           uploadOSType        =  YES\n"
-       "                           packageName         =  (null)\n"
-       "                           releaseVersion      =  -1\n"
-       "                           bigTndian           =  YES\n"
-       "                           nonProtocol         =  NO\n"},
-      {custom,
-       "\n"
+  auto request = VKQVesk::initWithKXPUrl("http://h.example/k", nullptr, 0x0A, 2);
+  request->compressPromise()(false)->releaseVersionPromise()(7)->insertAtBeginBodyPromise()(0x1234);
+  request->nonProtocolPromise()()->headersPromise()(VKQHeaderDictionary{{"X-Trace", "on"}});
+  auto serializer = agent().requestSerializerForRequest(request);
+  LogCapture log;
+  agent().sessionDebugWithRequest(*serializer);
+  const std::string header = serializer->HTTPRequestHeaders().description();
+  EXPECT_NE(header.find("\"X-Trace\" = on;"), std::string::npos) << header;
+  const std::vector<vkq::platform::LogEntry> entries = {
+      {"======================== start request ========================"},
+      {"\n"
        "                           url                 =  http://h.example/k\n"
        "                           version             =  2\n"
-       "                           xorKey              =  0xAB\n"
+       "                           xorKey              =  0xA\n"
        "                           compress            =  NO\n"
        "                           insertAtBeginBody   =  4660\n"
-       "                           uploadOSType        =  NO\n"
-       "                           packageName         =  com.example.app\n"
+       "                           uploadOSType        =  YES\n"
+       "                           packageName         =  (null)\n"
        "                           releaseVersion      =  7\n"
-       "                           bigTndian           =  NO\n"
-       "                           nonProtocol         =  YES\n"},
+       "                           bigTndian           =  YES\n"
+       "                           nonProtocol         =  YES\n"
+       "                           header              =  " + header + "\n"},
+      {"======================== end   request ========================"},
   };
-  for (const auto& row : table) {
-    auto serializer = agent().requestSerializerForRequest(row.request);
-    LogCapture log;
-    agent().sessionDebugWithRequest(*serializer);
-    const std::string header = serializer->HTTPRequestHeaders().description();
-    const std::vector<vkq::platform::LogEntry> entries = {
-        {"======================== start request ========================"},
-        {row.text + "                           header              =  " + header + "\n"},
-        {"======================== end   request ========================"},
-    };
-    EXPECT_EQ(log.entries(), entries);
-  }
-  EXPECT_NE(agent().requestSerializerForRequest(custom)->HTTPRequestHeaders().description().find("\"X-Trace\" = on;"),
-            std::string::npos);
+  EXPECT_EQ(log.entries(), entries);
 }
 
 TEST_F(VKQNetworkAgentDebugLog, IsWrittenOncePerKXPStartEvenWhenFramingFailsAndNeverForJSON) {
