@@ -61,6 +61,7 @@ class DownloadTaskTest : public ::testing::Test {
     return failed.error ? failed.error->userInfo().resumeData.value_or(Bytes{}) : Bytes{};
   }
 
+  PrivateTemporaryDirectory temporaryDirectory;
   ScratchFolder folder;
   const fs::path source = folder / "source.bin";
   const fs::path target = folder / "target.bin";

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -97,9 +98,31 @@ class ScratchFolder {
     std::filesystem::remove_all(path_, ignored);
   }
   std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+  const std::filesystem::path& path() const { return path_; }
 
  private:
   std::filesystem::path path_;
+};
+
+// Points TMPDIR at a folder of its own while it lives, so that files the transport
+// keeps under the temporary directory are this test's alone (tests run in parallel).
+class PrivateTemporaryDirectory {
+ public:
+  PrivateTemporaryDirectory() {
+    if (const char* previous = std::getenv("TMPDIR")) previous_ = previous;
+    ::setenv("TMPDIR", folder_.path().c_str(), 1);
+  }
+  ~PrivateTemporaryDirectory() {
+    if (previous_) {
+      ::setenv("TMPDIR", previous_->c_str(), 1);
+    } else {
+      ::unsetenv("TMPDIR");
+    }
+  }
+
+ private:
+  ScratchFolder folder_;
+  std::optional<std::string> previous_;
 };
 
 // Bytes that differ with `seed` and position, so a misplaced block shows.

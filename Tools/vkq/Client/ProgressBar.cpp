@@ -26,16 +26,23 @@ std::string renderProgressLine(std::int64_t completed, std::int64_t total, doubl
   if (total > 0) {
     const double fraction = std::clamp(static_cast<double>(completed) / static_cast<double>(total), 0.0, 1.0);
     const int filled = static_cast<int>(fraction * barWidth);
-    line += "[" + std::string(static_cast<std::size_t>(filled), '#') +
-            std::string(static_cast<std::size_t>(barWidth - filled), '.') + "] ";
+    line += '[';
+    line.append(static_cast<std::size_t>(filled), '#');
+    line.append(static_cast<std::size_t>(barWidth - filled), '.');
+    line += "] ";
     char percent[8];
     std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(fraction * 100));
     line += percent;
-    line += "  " + formatBytes(static_cast<double>(completed)) + " / " + formatBytes(static_cast<double>(total));
+    line += "  ";
+    line += formatBytes(static_cast<double>(completed));
+    line += " / ";
+    line += formatBytes(static_cast<double>(total));
   } else {
     line += formatBytes(static_cast<double>(completed));
   }
-  line += "  " + formatBytes(bytesPerSecond) + "/s";
+  line += "  ";
+  line += formatBytes(bytesPerSecond);
+  line += "/s";
   return line;
 }
 
