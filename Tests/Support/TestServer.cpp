@@ -31,12 +31,12 @@ struct ByteRange {
 std::optional<ByteRange> parseRange(const std::string& header) {
   constexpr std::string_view prefix = "bytes=";
   if (header.rfind(prefix, 0) != 0) return std::nullopt;
-  const std::string spec = header.substr(prefix.size());
-  const auto dash = spec.find('-');
-  if (dash == std::string::npos || dash == 0 || spec.find(',') != std::string::npos) return std::nullopt;
+  const std::string rangeSet = header.substr(prefix.size());
+  const auto dash = rangeSet.find('-');
+  if (dash == std::string::npos || dash == 0 || rangeSet.find(',') != std::string::npos) return std::nullopt;
   try {
-    ByteRange range{std::stoull(spec.substr(0, dash)), std::nullopt};
-    if (dash + 1 < spec.size()) range.last = std::stoull(spec.substr(dash + 1));
+    ByteRange range{std::stoull(rangeSet.substr(0, dash)), std::nullopt};
+    if (dash + 1 < rangeSet.size()) range.last = std::stoull(rangeSet.substr(dash + 1));
     return range;
   } catch (const std::exception&) {
     return std::nullopt;

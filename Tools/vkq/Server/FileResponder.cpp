@@ -76,11 +76,11 @@ RangeDecision decideRange(const std::optional<std::string>& range, const std::op
   if (!range || !range->starts_with(kUnit)) return {};
   if (ifRange && *ifRange != validators.etag && *ifRange != validators.lastModified) return {};
 
-  const std::string_view spec = std::string_view(*range).substr(kUnit.size());
-  const auto dash = spec.find('-');
-  if (dash == std::string_view::npos || spec.find(',') != std::string_view::npos) return {};
-  const std::string_view firstText = spec.substr(0, dash);
-  const std::string_view lastText = spec.substr(dash + 1);
+  const std::string_view rangeSet = std::string_view(*range).substr(kUnit.size());
+  const auto dash = rangeSet.find('-');
+  if (dash == std::string_view::npos || rangeSet.find(',') != std::string_view::npos) return {};
+  const std::string_view firstText = rangeSet.substr(0, dash);
+  const std::string_view lastText = rangeSet.substr(dash + 1);
   const std::uint64_t size = validators.size;
 
   if (firstText.empty()) {  // "-N": the last N bytes
