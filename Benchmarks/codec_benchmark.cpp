@@ -12,6 +12,7 @@
 #include <libdeflate.h>
 #include <zlib.h>
 
+#include "Benchmarks/RecordsData.h"
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
 #include "Tests/Classes/Codec/ReferenceCrc32.h"
@@ -19,28 +20,10 @@
 namespace {
 
 using vkq::platform::Bytes;
+using vkq::benchmarks::records;
 
 constexpr std::int64_t kSmall = 64 << 10;
 constexpr std::int64_t kLarge = 16 << 20;
-
-Bytes records(std::size_t size) {
-  static const char* const kNames[] = {"alpha", "bravo", "charlie", "delta", "echo", "foxtrot"};
-  std::mt19937 generator(42);
-  std::uniform_int_distribution<int> id(1, 9999999), pick(0, 5), score(0, 99999);
-  Bytes bytes;
-  bytes.reserve(size + 256);
-  char line[256];
-  while (bytes.size() < size) {
-    const int length = std::snprintf(
-        line, sizeof line,
-        "{\"id\":%d,\"user\":\"%s%04x\",\"score\":0.%05d,\"tags\":[\"%s\",\"%s\"],\"active\":%s}\n", id(generator),
-        kNames[pick(generator)], static_cast<unsigned>(generator() & 0xFFFF), score(generator), kNames[pick(generator)],
-        kNames[pick(generator)], (generator() & 1) ? "true" : "false");
-    bytes.insert(bytes.end(), line, line + length);
-  }
-  bytes.resize(size);
-  return bytes;
-}
 
 const Bytes& payload(std::int64_t size) {
   static const Bytes small = records(kSmall);

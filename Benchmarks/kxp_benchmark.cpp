@@ -11,6 +11,7 @@
 #include <map>
 #include <random>
 
+#include "Benchmarks/RecordsData.h"
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
 #include "Classes/Codec/NRDByteArray.h"
@@ -23,27 +24,10 @@
 namespace {
 
 using vkq::platform::Bytes;
+using vkq::benchmarks::records;
 using vkq::platform::Object;
 
 constexpr std::uint8_t kKey = 0x5A;
-
-Bytes records(std::size_t size) {
-  static const char* const kNames[] = {"alpha", "bravo", "charlie", "delta", "echo", "foxtrot"};
-  std::mt19937 generator(42);
-  std::uniform_int_distribution<int> id(1, 9999999), pick(0, 5), score(0, 99999);
-  Bytes bytes;
-  bytes.reserve(size + 256);
-  char line[256];
-  while (bytes.size() < size) {
-    const int length = std::snprintf(line, sizeof line, "{\"id\":%d,\"user\":\"%s%04x\",\"score\":0.%05d,\"ok\":%s}\n",
-                                     id(generator), kNames[pick(generator)],
-                                     static_cast<unsigned>(generator() & 0xFFFF), score(generator),
-                                     (generator() & 1) ? "true" : "false");
-    bytes.insert(bytes.end(), line, line + length);
-  }
-  bytes.resize(size);
-  return bytes;
-}
 
 const Bytes& payload(std::int64_t size) {
   static std::map<std::int64_t, Bytes> cache;
