@@ -1,14 +1,22 @@
 // Whether the network can be reached, from the kernel's view of the interfaces.
 //
-// The status is Unknown until monitoring has started; then it is worked out from the
-// interfaces that are up (re-read at most once per second). The manager is
-// conservative: it reports NotReachable only when no interface at all is up, so
-// traffic to this machine (loopback) is never refused. Wired and wireless interfaces
-// both count as WiFi; cellular modem interfaces ("wwan*", "rmnet*", "ccmni*") as WWAN.
-// Thread-safe.
+// The status is Unknown until startMonitoring(); monitoring works it out at once from the
+// interfaces that are up, then follows the kernel: a background thread (one per manager)
+// listens for the kernel's notices about links, addresses and routes and re-reads the
+// interfaces on each change. Where such notices cannot be received (some sandboxes) the
+// status is re-read on demand instead, at most once per second, and the debug log says so.
+//
+// The rule (reachabilityStatusForInterfaces) is conservative: NotReachable only when no
+// interface at all is up, so traffic to this machine (loopback) is never refused. Wired
+// and wireless interfaces both count as WiFi; cellular modem interfaces ("wwan*",
+// "rmnet*", "ccmni*") as WWAN.
+//
+// Thread-safe: every member may be called from any thread, except that a manager must not
+// be destroyed while another thread still calls it.
 #pragma once
 
-#include <chrono>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,28 +43,45 @@ NetworkReachabilityStatus reachabilityStatusForInterfaces(const std::vector<Netw
 
 class NetworkReachabilityManager {
  public:
-  NetworkReachabilityManager() = default;
+  using StatusChangeBlock = std::function<void(NetworkReachabilityStatus status)>;
+
+  NetworkReachabilityManager();
+  // Stops monitoring (joins the background thread). Reports still queued for the change
+  // block are dropped.
+  ~NetworkReachabilityManager();
   NetworkReachabilityManager(const NetworkReachabilityManager&) = delete;
   NetworkReachabilityManager& operator=(const NetworkReachabilityManager&) = delete;
 
+  // Evaluates the status and starts following the kernel. Does nothing while monitoring.
   void startMonitoring();
-  // Back to Unknown until the next startMonitoring().
+  // Stops following the kernel and returns once the background thread has ended. The
+  // status is Unknown again until the next startMonitoring(); reports not yet delivered
+  // are dropped, and stopping reports nothing itself.
   void stopMonitoring();
 
-  // The override when one is set; otherwise Unknown unless monitoring, else the
-  // current status.
+  // The override when one is set; otherwise Unknown unless monitoring, else the current
+  // status.
   NetworkReachabilityStatus networkReachabilityStatus() const;
   bool isReachable() const;
 
-  // Makes every manager report `status` (absent: back to the kernel's view). Tests use
-  // this seam to simulate a network that is down.
+  // `block` (copied; empty: no reports) is called on the main queue with the new status
+  // each time the status changes while monitoring, starting with the first evaluation
+  // after startMonitoring(). Reports arrive in the order of the changes; a block set while
+  // reports are queued receives them.
+  void setReachabilityStatusChangeBlock(StatusChangeBlock block);
+
+  // Makes every manager report `status` (absent: back to the kernel's view); monitoring
+  // managers whose status changes by it report the change to their block. Tests use this
+  // seam to simulate a network that goes down and comes back.
   static void setStatusOverrideForTesting(std::optional<NetworkReachabilityStatus> status);
 
  private:
-  mutable std::mutex mutex_;
-  bool monitoring_ = false;                                        // guarded by mutex_
-  mutable std::optional<NetworkReachabilityStatus> cachedStatus_;  // guarded by mutex_
-  mutable std::chrono::steady_clock::time_point cachedAt_;         // guarded by mutex_
+  class State;     // the status and the change block; queued reports hold it weakly
+  class Listener;  // the background thread and the kernel socket it listens on
+
+  const std::shared_ptr<State> state_;
+  std::mutex controlMutex_;             // serializes starting and stopping
+  std::unique_ptr<Listener> listener_;  // guarded by controlMutex_; absent unless following the kernel
 };
 
 }  // namespace vkq::platform
