@@ -14,7 +14,6 @@
 #include "Benchmarks/RecordsData.h"
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
-#include "Classes/Codec/NRDByteArray.h"
 #include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
 #include "Classes/Serialization/VKQKXPFrameLayout.h"
@@ -75,10 +74,10 @@ void BM_Parse(benchmark::State& state) {
   Bytes wire = payload(state.range(0));
   if (settings.compress) wire = *Deflate::compress(wire);
   Encrypt::xorWithKey(wire, kKey);
-  auto frame = NRDByteArray::initWithBigEndian(VKQKXPFrame::kBigEndian);
-  VKQKXPFrame::appendResponseHeader(*frame, settings, wire);
-  frame->appendData(wire, false);
-  request->setResponseData(Object(std::move(*frame->data())));
+  Bytes frame;
+  VKQKXPFrame::appendResponseHeader(frame, settings, wire);
+  frame.insert(frame.end(), wire.begin(), wire.end());
+  request->setResponseData(Object(std::move(frame)));
   const vkq::platform::ErrorPtr noError;
   for (auto _ : state) {
     const auto result = serializer->deserialize(request, &noError);

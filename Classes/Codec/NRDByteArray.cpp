@@ -8,23 +8,12 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "Classes/Codec/ByteOrder.h"
 #include "Platform/Assert.h"
 
 using vkq::platform::Bytes;
 
 namespace {
-
-template <std::unsigned_integral T>
-constexpr T byteSwapped(T value) {
-  if constexpr (sizeof(T) == 2) {
-    return __builtin_bswap16(value);
-  } else if constexpr (sizeof(T) == 4) {
-    return __builtin_bswap32(value);
-  } else {
-    static_assert(sizeof(T) == 8);
-    return __builtin_bswap64(value);
-  }
-}
 
 // The whole file, or absent when it cannot be opened or read (missing, a folder, no
 // permission).
@@ -106,8 +95,7 @@ T NRDByteArray::readOrdered() {
   static_assert(std::unsigned_integral<T> && sizeof(T) > 1);
   T value;
   getBytes(&value, sizeof value);
-  constexpr bool nativeIsBig = std::endian::native == std::endian::big;
-  return bigEndian_ == nativeIsBig ? value : byteSwapped(value);
+  return ByteOrder::ordered(value, bigEndian_);
 }
 
 bool NRDByteArray::readBool() { return (readUInt8() & 1) != 0; }
@@ -175,8 +163,7 @@ void NRDByteArray::appendRaw(const void* bytes, std::size_t size) {
 template <typename T>
 void NRDByteArray::appendOrdered(T value) {
   static_assert(std::unsigned_integral<T> && sizeof(T) > 1);
-  constexpr bool nativeIsBig = std::endian::native == std::endian::big;
-  const T ordered = bigEndian_ == nativeIsBig ? value : byteSwapped(value);
+  const T ordered = ByteOrder::ordered(value, bigEndian_);
   appendRaw(&ordered, sizeof ordered);
 }
 

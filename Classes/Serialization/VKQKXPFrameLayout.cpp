@@ -1,7 +1,11 @@
 #include "Classes/Serialization/VKQKXPFrameLayout.h"
 
+#include <concepts>
+#include <cstring>
+#include <type_traits>
+
+#include "Classes/Codec/ByteOrder.h"
 #include "Classes/Codec/Encrypt.h"
-#include "Classes/Codec/NRDByteArray.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Platform/Bytes.h"
 
@@ -36,25 +40,51 @@ constexpr std::size_t kWordWidth = sizeof(std::uint32_t);  // lengths and CRCs
 
 std::uint32_t crcOf(std::span<const std::uint8_t> bytes) { return static_cast<std::uint32_t>(Encrypt::crc32(bytes)); }
 
-// Reads one field of type T into `field` unless an earlier field was missing or the
-// bytes run out; returns whether the field was read.
-template <typename T>
-bool readField(NRDByteArray& frame, bool& complete, T (NRDByteArray::*read)(), T& field) {
-  if (!complete || frame.position() > frame.capacity() || frame.availableLength() < sizeof(T)) {
-    complete = false;
-    return false;
-  }
-  field = (frame.*read)();
-  return true;
+// Appends one big-endian field.
+template <std::unsigned_integral T>
+void appendField(vkq::platform::Bytes& frame, T value) {
+  const T ordered = ByteOrder::ordered(value, kBigEndian);
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&ordered);
+  frame.insert(frame.end(), bytes, bytes + sizeof ordered);
 }
 
-template <typename T>
-void readOptionalField(NRDByteArray& frame, bool& complete, bool present, T (NRDByteArray::*read)(),
-                       std::optional<T>& field) {
-  if (!present) return;
-  T value{};
-  if (readField(frame, complete, read, value)) field = value;
-}
+// Reads big-endian fields from the front of a frame, in order, until one does not fit.
+class FieldReader {
+ public:
+  explicit FieldReader(std::span<const std::uint8_t> frame) : frame_(frame) {}
+
+  // Reads a field into `field`; false (and nothing read from here on) when the bytes
+  // run out.
+  template <std::unsigned_integral T>
+  bool read(T& field) {
+    if (!complete_ || frame_.size() - size_ < sizeof(T)) {
+      complete_ = false;
+      return false;
+    }
+    T value;
+    std::memcpy(&value, frame_.data() + size_, sizeof value);
+    field = ByteOrder::ordered(value, kBigEndian);
+    size_ += sizeof value;
+    return true;
+  }
+
+  template <typename T>
+  void readOptional(bool present, std::optional<T>& field) {
+    using Unsigned = std::make_unsigned_t<T>;
+    Unsigned value{};
+    if (present && read(value)) field = static_cast<T>(value);
+  }
+
+  template <typename Header>
+  Reading<Header> finish(Header header) const {
+    return Reading<Header>{std::move(header), complete_, size_};
+  }
+
+ private:
+  std::span<const std::uint8_t> frame_;
+  std::size_t size_ = 0;
+  bool complete_ = true;
+};
 
 }  // namespace
 
@@ -78,50 +108,47 @@ std::optional<std::uint32_t> releaseCRC(const VKQKXPFrameSettings& settings) {
   return crcOf(vkq::platform::bytesFromString(std::to_string(settings.releaseVersion)));
 }
 
-void appendRequestHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings,
+void appendRequestHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
                          std::span<const std::uint8_t> payload) {
-  if (hasBeginMarker(settings)) frame.appendUInt16(settings.insertAtBeginBody);
-  if (hasVersion(settings)) frame.appendUInt8(settings.version);
-  if (hasOSType(settings)) frame.appendUInt8(kOSType);
-  frame.appendUInt32(static_cast<std::uint32_t>(payload.size()));
-  frame.appendUInt32(crcOf(payload));
-  if (const auto crc = packageCRC(settings)) frame.appendUInt32(*crc);
-  if (const auto crc = releaseCRC(settings)) frame.appendUInt32(*crc);
+  if (hasBeginMarker(settings)) appendField(frame, settings.insertAtBeginBody);
+  if (hasVersion(settings)) appendField(frame, settings.version);
+  if (hasOSType(settings)) appendField(frame, kOSType);
+  appendField(frame, static_cast<std::uint32_t>(payload.size()));
+  appendField(frame, crcOf(payload));
+  if (const auto crc = packageCRC(settings)) appendField(frame, *crc);
+  if (const auto crc = releaseCRC(settings)) appendField(frame, *crc);
 }
 
-void appendResponseHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings,
+void appendResponseHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
                           std::span<const std::uint8_t> payload) {
-  if (hasBeginMarker(settings)) frame.appendSInt16(static_cast<std::int16_t>(settings.insertAtBeginBody));
-  if (hasVersion(settings)) frame.appendUInt8(settings.version);
-  frame.appendUInt32(static_cast<std::uint32_t>(payload.size()));
-  frame.appendUInt32(crcOf(payload));
+  if (hasBeginMarker(settings)) appendField(frame, settings.insertAtBeginBody);
+  if (hasVersion(settings)) appendField(frame, settings.version);
+  appendField(frame, static_cast<std::uint32_t>(payload.size()));
+  appendField(frame, crcOf(payload));
 }
 
-Reading<RequestHeader> readRequestHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings) {
-  Reading<RequestHeader> reading;
-  RequestHeader& header = reading.header;
-  bool complete = true;
-  readOptionalField(frame, complete, hasBeginMarker(settings), &NRDByteArray::readUInt16, header.beginMarker);
-  readOptionalField(frame, complete, hasVersion(settings), &NRDByteArray::readUInt8, header.version);
-  readOptionalField(frame, complete, hasOSType(settings), &NRDByteArray::readUInt8, header.osType);
-  readField(frame, complete, &NRDByteArray::readUInt32, header.payloadLength);
-  readField(frame, complete, &NRDByteArray::readUInt32, header.payloadCRC);
-  readOptionalField(frame, complete, hasPackageCRC(settings), &NRDByteArray::readUInt32, header.packageCRC);
-  readOptionalField(frame, complete, hasReleaseCRC(settings), &NRDByteArray::readUInt32, header.releaseCRC);
-  reading.complete = complete;
-  return reading;
+Reading<RequestHeader> readRequestHeader(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings) {
+  FieldReader reader(frame);
+  RequestHeader header;
+  reader.readOptional(hasBeginMarker(settings), header.beginMarker);
+  reader.readOptional(hasVersion(settings), header.version);
+  reader.readOptional(hasOSType(settings), header.osType);
+  reader.read(header.payloadLength);
+  reader.read(header.payloadCRC);
+  reader.readOptional(hasPackageCRC(settings), header.packageCRC);
+  reader.readOptional(hasReleaseCRC(settings), header.releaseCRC);
+  return reader.finish(std::move(header));
 }
 
-Reading<ResponseHeader> readResponseHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings) {
-  Reading<ResponseHeader> reading;
-  ResponseHeader& header = reading.header;
-  bool complete = true;
-  readOptionalField(frame, complete, hasBeginMarker(settings), &NRDByteArray::readSInt16, header.beginMarker);
-  readOptionalField(frame, complete, hasVersion(settings), &NRDByteArray::readUInt8, header.version);
-  readField(frame, complete, &NRDByteArray::readUInt32, header.payloadLength);
-  readField(frame, complete, &NRDByteArray::readUInt32, header.payloadCRC);
-  reading.complete = complete;
-  return reading;
+Reading<ResponseHeader> readResponseHeader(std::span<const std::uint8_t> frame,
+                                           const VKQKXPFrameSettings& settings) {
+  FieldReader reader(frame);
+  ResponseHeader header;
+  reader.readOptional(hasBeginMarker(settings), header.beginMarker);
+  reader.readOptional(hasVersion(settings), header.version);
+  reader.read(header.payloadLength);
+  reader.read(header.payloadCRC);
+  return reader.finish(std::move(header));
 }
 
 }  // namespace VKQKXPFrame

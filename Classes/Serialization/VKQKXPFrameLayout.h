@@ -36,7 +36,8 @@
 #include <span>
 #include <string>
 
-class NRDByteArray;
+#include "Platform/Bytes.h"
+
 class VKQVeskRequest;
 
 // The settings that shape both frames, as a request answers them.
@@ -80,13 +81,15 @@ struct ResponseHeader {
   std::uint32_t payloadCRC = 0;
 };
 
-// A header read from a byte array. The fields are read in frame order and reading stops
-// at the first field the bytes do not hold: `complete` is then false, and the fields
-// before it are set (so a reader can check the version of a truncated frame first).
+// A header read from the front of a frame. The fields are read in frame order and
+// reading stops at the first field the bytes do not hold: `complete` is then false, and
+// the fields before it are set (so a reader can check the version of a truncated frame
+// first). `size` is the number of header bytes read; the payload starts there.
 template <typename Header>
 struct Reading {
   Header header;
   bool complete = false;
+  std::size_t size = 0;
 };
 
 std::size_t requestHeaderSize(const VKQKXPFrameSettings& settings);
@@ -96,16 +99,16 @@ std::size_t responseHeaderSize(const VKQKXPFrameSettings& settings);
 std::optional<std::uint32_t> packageCRC(const VKQKXPFrameSettings& settings);
 std::optional<std::uint32_t> releaseCRC(const VKQKXPFrameSettings& settings);
 
-// Append the header of a frame whose (already compressed and masked) payload is
-// `payload`; the payload itself is not appended. `frame` should be big-endian.
-void appendRequestHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings,
+// Append to `frame` the header of a frame whose (already compressed and masked) payload
+// is `payload`; the payload itself is not appended.
+void appendRequestHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
                          std::span<const std::uint8_t> payload);
-void appendResponseHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings,
+void appendResponseHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
                           std::span<const std::uint8_t> payload);
 
-// Read a header from the cursor, which ends up after the last field read. Never throws:
-// a short buffer gives an incomplete reading. `frame` should be big-endian.
-Reading<RequestHeader> readRequestHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings);
-Reading<ResponseHeader> readResponseHeader(NRDByteArray& frame, const VKQKXPFrameSettings& settings);
+// Read a header from the front of `frame`. Never throws: a short frame gives an
+// incomplete reading.
+Reading<RequestHeader> readRequestHeader(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings);
+Reading<ResponseHeader> readResponseHeader(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings);
 
 }  // namespace VKQKXPFrame

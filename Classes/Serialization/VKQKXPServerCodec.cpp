@@ -4,7 +4,6 @@
 
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
-#include "Classes/Codec/NRDByteArray.h"
 
 namespace VKQKXPServerCodec {
 namespace {
@@ -65,8 +64,7 @@ VKQKXPParsedFrame parseRequestFrame(std::span<const std::uint8_t> frame, const V
     return VKQKXPParsedFrame::success(Bytes(frame.begin(), frame.end()));
   }
 
-  const auto array = NRDByteArray::initWithData(frame, VKQKXPFrame::kBigEndian);
-  const auto reading = VKQKXPFrame::readRequestHeader(*array, settings);
+  const auto reading = VKQKXPFrame::readRequestHeader(frame, settings);
   const VKQKXPFrame::RequestHeader& header = reading.header;
   if (auto problem = checkHeaderFields(header, settings, reading.complete); !problem.empty()) {
     return VKQKXPParsedFrame::failure(problem);
@@ -110,10 +108,11 @@ std::optional<Bytes> makeResponseFrame(std::span<const std::uint8_t> payload, co
   }
   if (settings.xorKey != 0) Encrypt::xorWithKey(body, settings.xorKey);
 
-  const auto frame = NRDByteArray::initWithBigEndian(VKQKXPFrame::kBigEndian);
-  VKQKXPFrame::appendResponseHeader(*frame, settings, body);
-  frame->appendData(body, /*includeLength=*/false);
-  return *frame->data();
+  Bytes frame;
+  frame.reserve(VKQKXPFrame::responseHeaderSize(settings) + body.size());
+  VKQKXPFrame::appendResponseHeader(frame, settings, body);
+  frame.insert(frame.end(), body.begin(), body.end());
+  return frame;
 }
 
 }  // namespace VKQKXPServerCodec

@@ -2,7 +2,6 @@
 
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
-#include "Classes/Codec/NRDByteArray.h"
 #include "Classes/Serialization/VKQKXPFrameLayout.h"
 #include "Classes/VKQVeskRequest.h"
 
@@ -38,13 +37,9 @@ std::optional<Bytes> VKQKXPRequestSerializer::createDataWithParameters(const Obj
   // Masks in place: the compressed copy, or the caller's own bytes.
   if (settings.xorKey != 0) Encrypt::xorInPlace(payload, settings.xorKey);
 
-  auto header = NRDByteArray::initWithBigEndian(VKQKXPFrame::kBigEndian);
-  header->data()->reserve(VKQKXPFrame::requestHeaderSize(settings));
-  VKQKXPFrame::appendRequestHeader(*header, settings, payload);
-  const Bytes& headerBytes = *header->data();
   Bytes frame;
-  frame.reserve(headerBytes.size() + payload.size());
-  frame.insert(frame.end(), headerBytes.begin(), headerBytes.end());
+  frame.reserve(VKQKXPFrame::requestHeaderSize(settings) + payload.size());
+  VKQKXPFrame::appendRequestHeader(frame, settings, payload);
   frame.insert(frame.end(), payload.begin(), payload.end());
   return frame;
 }

@@ -1,10 +1,7 @@
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
 
-#include <algorithm>
-
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
-#include "Classes/Codec/NRDByteArray.h"
 #include "Classes/Serialization/VKQKXPFrameLayout.h"
 #include "Classes/VKQResponseCode.h"
 #include "Classes/VKQVeskRequest.h"
@@ -60,11 +57,8 @@ std::shared_ptr<VKQVeskResult> VKQKXPResponseSerializer::deserialize(const std::
     return VKQVeskResult::initWith(VKQResponseCode::responseCode(0), request->responseData(), request);
   }
 
-  // Only the header goes through the byte array; the payload is read in place.
   const std::span<const std::uint8_t> answer = answerBytes(request->responseData());
-  const std::size_t headerSize = std::min(answer.size(), VKQKXPFrame::responseHeaderSize(settings));
-  auto header = NRDByteArray::initWithData(answer.first(headerSize), VKQKXPFrame::kBigEndian);
-  const auto reading = VKQKXPFrame::readResponseHeader(*header, settings);
+  const auto reading = VKQKXPFrame::readResponseHeader(answer, settings);
   if (reading.header.version && *reading.header.version != settings.version) {
     DDDebug("current protocol version not matching, [request version =", settings.version, "remote version =]",
             *reading.header.version);
@@ -75,7 +69,7 @@ std::shared_ptr<VKQVeskResult> VKQKXPResponseSerializer::deserialize(const std::
     return VKQVeskResult::resultWithErrorCode(kServerError, request);
   }
 
-  const std::span<const std::uint8_t> rest = answer.subspan(header->position());
+  const std::span<const std::uint8_t> rest = answer.subspan(reading.size);
   const std::uint32_t length = reading.header.payloadLength;
   if (length == 0 || length > rest.size()) return VKQVeskResult::resultWithErrorCode(kServerError, request);
   const std::span<const std::uint8_t> payload = rest.first(length);
