@@ -1,9 +1,7 @@
-// The transport's tables and rules that need no server: libcurl error mapping and
-// reachability from interfaces.
+// The transport's tables that need no server: libcurl error mapping.
 #include <gtest/gtest.h>
 
 #include "Platform/CurlErrors.h"
-#include "Platform/NetworkReachabilityManager.h"
 
 namespace vkq::platform {
 namespace {
@@ -46,40 +44,6 @@ TEST(CurlErrorMapping, ErrorCarriesTheDetailTextOrLibcurlsTextAndTheFailingURL) 
   const ErrorPtr plain = makeCurlError(CURLE_COULDNT_CONNECT, "", "");  // libcurl's text, no URL
   EXPECT_EQ(plain->localizedDescription(), curl_easy_strerror(CURLE_COULDNT_CONNECT));
   EXPECT_FALSE(plain->userInfo().failingURL.has_value());
-}
-
-TEST(Reachability, StatusFollowsTheInterfacesThatAreUp) {
-  using S = NetworkReachabilityStatus;
-  const NetworkInterface loopback{"lo", true, true}, loopbackDown{"lo", false, true}, ethernet{"eth0", true, false},
-      down{"eth1", false, false}, wireless{"wlan0", true, false}, cellular{"wwan0", true, false};
-  const std::pair<std::vector<NetworkInterface>, S> cases[] = {
-      {{}, S::NotReachable},
-      {{loopbackDown, down}, S::NotReachable},
-      {{loopback, down}, S::ReachableViaWiFi},  // loopback alone must not block local traffic
-      {{loopback, ethernet}, S::ReachableViaWiFi},
-      {{wireless}, S::ReachableViaWiFi},
-      {{loopback, cellular}, S::ReachableViaWWAN},
-      {{cellular, wireless}, S::ReachableViaWiFi},  // WiFi wins over a modem
-      {{{"rmnet_data0", true, false}}, S::ReachableViaWWAN},
-  };
-  for (const auto& [interfaces, status] : cases) {
-    EXPECT_EQ(reachabilityStatusForInterfaces(interfaces), status) << interfaces.size() << " interfaces";
-  }
-}
-
-TEST(Reachability, UnknownUntilMonitoringAndOverriddenThroughTheSeam) {
-  NetworkReachabilityManager manager;
-  EXPECT_EQ(manager.networkReachabilityStatus(), NetworkReachabilityStatus::Unknown);
-  manager.startMonitoring();
-  EXPECT_TRUE(manager.isReachable());  // this machine runs the tests over loopback at least
-
-  NetworkReachabilityManager::setStatusOverrideForTesting(NetworkReachabilityStatus::NotReachable);
-  EXPECT_EQ(manager.networkReachabilityStatus(), NetworkReachabilityStatus::NotReachable);
-  EXPECT_FALSE(NetworkReachabilityManager().isReachable());
-  NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);
-
-  manager.stopMonitoring();
-  EXPECT_EQ(manager.networkReachabilityStatus(), NetworkReachabilityStatus::Unknown);
 }
 
 }  // namespace

@@ -1,0 +1,182 @@
+// Reachability: the rule over interfaces, the override seam, and the monitor's life and
+// reports. Real interface changes are not provoked (that needs privileges).
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Platform/MainQueue.h"
+#include "Platform/NetworkReachabilityManager.h"
+
+namespace vkq::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using S = NetworkReachabilityStatus;
+
+TEST(Reachability, StatusFollowsTheInterfacesThatAreUp) {
+  const NetworkInterface loopback{"lo", true, true}, loopbackDown{"lo", false, true}, ethernet{"eth0", true, false},
+      down{"eth1", false, false}, wireless{"wlan0", true, false}, cellular{"wwan0", true, false};
+  const std::pair<std::vector<NetworkInterface>, S> cases[] = {
+      {{}, S::NotReachable},
+      {{loopbackDown, down}, S::NotReachable},
+      {{loopback, down}, S::ReachableViaWiFi},  // loopback alone must not block local traffic
+      {{loopback, ethernet}, S::ReachableViaWiFi},
+      {{wireless}, S::ReachableViaWiFi},
+      {{loopback, cellular}, S::ReachableViaWWAN},
+      {{cellular, wireless}, S::ReachableViaWiFi},  // WiFi wins over a modem
+      {{{"rmnet_data0", true, false}}, S::ReachableViaWWAN},
+  };
+  for (const auto& [interfaces, status] : cases) {
+    EXPECT_EQ(reachabilityStatusForInterfaces(interfaces), status) << interfaces.size() << " interfaces";
+  }
+}
+
+// Entries in a /proc/self folder: open descriptors or running threads.
+std::size_t countEntries(const char* folder) {
+  std::size_t count = 0;
+  DIR* dir = opendir(folder);
+  if (dir == nullptr) return 0;
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+class ReachabilityMonitor : public ::testing::Test {
+ protected:
+  struct Report {
+    S status;
+    bool onMainQueue;
+    bool operator==(const Report&) const = default;
+  };
+
+  void SetUp() override {
+    MainQueue::useManualDraining();
+    MainQueue::drain();
+  }
+  void TearDown() override {
+    NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);
+    MainQueue::drain();
+  }
+
+  // Records every report `manager` delivers.
+  void record(NetworkReachabilityManager& manager) {
+    manager.setReachabilityStatusChangeBlock(
+        [this](S status) { reports_.push_back({status, MainQueue::isCurrent()}); });
+  }
+  bool waitForReports(std::size_t count) {
+    return MainQueue::runUntil([&] { return reports_.size() >= count; }, 5s);
+  }
+
+  std::vector<Report> reports_;
+};
+
+TEST_F(ReachabilityMonitor, UnknownUntilMonitoringAndOverriddenThroughTheSeam) {
+  NetworkReachabilityManager manager;
+  EXPECT_EQ(manager.networkReachabilityStatus(), S::Unknown);
+  manager.startMonitoring();
+  EXPECT_TRUE(manager.isReachable());  // this machine runs the tests over loopback at least
+
+  NetworkReachabilityManager::setStatusOverrideForTesting(S::NotReachable);
+  EXPECT_EQ(manager.networkReachabilityStatus(), S::NotReachable);
+  EXPECT_FALSE(NetworkReachabilityManager().isReachable());  // the override wins even when not monitoring
+  NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);
+
+  manager.stopMonitoring();
+  EXPECT_EQ(manager.networkReachabilityStatus(), S::Unknown);
+}
+
+TEST_F(ReachabilityMonitor, ReportsTheFirstEvaluationAndEachOverrideChangeOnTheMainQueue) {
+  NetworkReachabilityManager manager;
+  record(manager);
+  manager.startMonitoring();
+  ASSERT_TRUE(waitForReports(1));
+  const S kernel = manager.networkReachabilityStatus();
+  EXPECT_EQ(reports_[0], (Report{kernel, true}));
+
+  NetworkReachabilityManager::setStatusOverrideForTesting(S::NotReachable);
+  NetworkReachabilityManager::setStatusOverrideForTesting(S::NotReachable);  // no change, no report
+  NetworkReachabilityManager::setStatusOverrideForTesting(kernel);           // back to what the kernel says
+  NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);    // still the same
+  EXPECT_EQ(reports_.size(), 1u);  // never inside the caller
+  MainQueue::drain();
+  EXPECT_EQ(reports_, (std::vector<Report>{{kernel, true}, {S::NotReachable, true}, {kernel, true}}));
+
+  // Stopped: override changes are not reported; a new start reports afresh.
+  manager.stopMonitoring();
+  NetworkReachabilityManager::setStatusOverrideForTesting(S::ReachableViaWWAN);
+  MainQueue::drain();
+  EXPECT_EQ(reports_.size(), 3u);
+  manager.startMonitoring();
+  ASSERT_TRUE(waitForReports(4));
+  EXPECT_EQ(reports_.back(), (Report{S::ReachableViaWWAN, true}));
+}
+
+TEST_F(ReachabilityMonitor, StartAndStopRepeatedlyArePromptAndLeaveNoThreadOrDescriptorBehind) {
+  const std::size_t descriptors = countEntries("/proc/self/fd");
+  const std::size_t threads = countEntries("/proc/self/task");
+  const auto began = std::chrono::steady_clock::now();
+  {
+    NetworkReachabilityManager manager;
+    record(manager);
+    for (int i = 0; i < 50; ++i) {
+      manager.startMonitoring();
+      manager.startMonitoring();  // a second start neither adds a thread nor reports again
+      manager.stopMonitoring();
+      manager.stopMonitoring();
+    }
+    for (int i = 0; i < 50; ++i) {
+      NetworkReachabilityManager discarded;  // the destructor stops it
+      discarded.startMonitoring();
+    }
+    manager.startMonitoring();
+    EXPECT_EQ(countEntries("/proc/self/task"), threads + 1);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 5s);  // no stop waits for a time-out
+  EXPECT_EQ(countEntries("/proc/self/fd"), descriptors);
+  EXPECT_EQ(countEntries("/proc/self/task"), threads);
+  MainQueue::drain();
+  EXPECT_TRUE(reports_.empty());  // reports still queued at a stop are dropped
+}
+
+TEST_F(ReachabilityMonitor, QueuedReportsOfADestroyedManagerDoNothing) {
+  auto counter = std::make_shared<int>(0);
+  auto manager = std::make_unique<NetworkReachabilityManager>();
+  manager->setReachabilityStatusChangeBlock([counter](S) { ++*counter; });
+  manager->startMonitoring();
+  NetworkReachabilityManager::setStatusOverrideForTesting(S::NotReachable);
+  manager.reset();
+  EXPECT_EQ(counter.use_count(), 1);  // the block went with the manager
+  EXPECT_GE(MainQueue::drain(), 1u);
+  EXPECT_EQ(*counter, 0);
+}
+
+TEST_F(ReachabilityMonitor, ChangesFromManyThreadsEndInTheFinalStatus) {
+  NetworkReachabilityManager manager;
+  record(manager);
+  manager.startMonitoring();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&manager, t] {
+      for (int i = 0; i < 200; ++i) {
+        NetworkReachabilityManager::setStatusOverrideForTesting((i + t) % 2 == 0 ? S::NotReachable
+                                                                                 : S::ReachableViaWWAN);
+        if (i % 50 == 0) NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);
+        (void)manager.networkReachabilityStatus();
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  MainQueue::drain();
+  ASSERT_FALSE(reports_.empty());
+  EXPECT_EQ(reports_.back().status, manager.networkReachabilityStatus());
+}
+
+}  // namespace
+}  // namespace vkq::platform
