@@ -206,7 +206,10 @@ enum ChildOutcome { kFollowed = 0, kNoNamespace = 2, kCannotChangeLoopback = 3, 
 // In a fresh network namespace only loopback exists, and it is down: bringing it up and
 // down again must be reported without anyone asking for the status.
 ChildOutcome followLoopbackInPrivateNamespace() {
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return kNoNamespace;
+  // A user namespace grants the right to change its interfaces; a process that already has
+  // that right (or runs beside a sanitizer's thread, which rules user namespaces out) may
+  // make the network namespace alone.
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0 && unshare(CLONE_NEWNET) != 0) return kNoNamespace;
   std::vector<S> reports;
   NetworkReachabilityManager manager;
   manager.setReachabilityStatusChangeBlock([&reports](S status) { reports.push_back(status); });
