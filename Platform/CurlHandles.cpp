@@ -23,9 +23,7 @@ EasyHandle::~EasyHandle() {
 }
 
 void EasyHandle::reuse() {
-  curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, nullptr);
-  curl_slist_free_all(headers_);
-  headers_ = nullptr;
+  pendingLines_.clear();
   errorBuffer_[0] = '\0';
 }
 
@@ -35,23 +33,36 @@ void EasyHandle::setReceiveBufferSize(long bytes) {
 }
 
 void EasyHandle::addHeader(std::string_view name, std::string_view value) {
-  std::string line(name);
+  pendingLines_ += name;
   // "Name;" is libcurl's spelling of a field sent with an empty value; "Name:" would
   // remove the field instead.
-  line += value.empty() ? ";" : ": ";
-  line += value;
-  append(line);
+  pendingLines_ += value.empty() ? ";" : ": ";
+  pendingLines_ += value;
+  pendingLines_ += '\0';
 }
 
-void EasyHandle::suppressHeader(std::string_view name) { append(std::string(name) + ":"); }
-
-void EasyHandle::append(const std::string& line) {
-  curl_slist* extended = curl_slist_append(headers_, line.c_str());
-  if (extended == nullptr) throw std::bad_alloc();
-  headers_ = extended;
+void EasyHandle::suppressHeader(std::string_view name) {
+  pendingLines_ += name;
+  pendingLines_ += ':';
+  pendingLines_ += '\0';
 }
 
-void EasyHandle::applyHeaders() { curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, headers_); }
+void EasyHandle::applyHeaders() {
+  if (pendingLines_ == installedLines_) return;
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(nullptr, &curl_slist_free_all);
+  for (std::size_t at = 0; at < pendingLines_.size();) {
+    const char* line = pendingLines_.c_str() + at;  // NUL-terminated by its separator
+    curl_slist* extended = curl_slist_append(list.get(), line);
+    if (extended == nullptr) throw std::bad_alloc();
+    list.release();
+    list.reset(extended);
+    at += std::char_traits<char>::length(line) + 1;
+  }
+  curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, list.get());
+  curl_slist_free_all(headers_);
+  headers_ = list.release();
+  installedLines_.swap(pendingLines_);
+}
 
 MultiHandle makeMultiHandle() {
   ensureCurlInitialized();

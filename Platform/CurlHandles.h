@@ -2,7 +2,9 @@
 //
 // An EasyHandle owns the easy handle together with its request header list and its
 // error buffer, so the three live and die together; reuse() readies it for another
-// exchange. Not thread-safe: a handle is used by one thread at a time.
+// exchange. A header list equal to the previous exchange's is kept rather than built
+// again, so a session that sends the same fields each time builds it once per handle.
+// Not thread-safe: a handle is used by one thread at a time.
 #pragma once
 
 #include <memory>
@@ -25,8 +27,8 @@ class EasyHandle {
 
   CURL* get() const { return handle_; }
 
-  // Readies the handle for another exchange: drops the header list and the error
-  // text. Every other option stays as the last exchange left it (libcurl keeps its
+  // Readies the handle for another exchange: starts a new header list (empty until
+  // addHeader()) and clears the error text. Every other option stays as the last exchange left it (libcurl keeps its
   // receive buffer and connection cache links too), so the next user sets each
   // option it varies.
   void reuse();
@@ -44,10 +46,12 @@ class EasyHandle {
   std::string errorText() const { return errorBuffer_; }
 
  private:
-  void append(const std::string& line);
-
   CURL* handle_;
-  curl_slist* headers_ = nullptr;
+  curl_slist* headers_ = nullptr;  // installed with CURLOPT_HTTPHEADER
+  // The lines of headers_ and those of the list being built, each ended by a NUL
+  // (which no header line may contain).
+  std::string installedLines_;
+  std::string pendingLines_;
   char errorBuffer_[CURL_ERROR_SIZE] = {};
   bool largeReceiveBuffer_ = false;
 };

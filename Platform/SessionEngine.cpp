@@ -8,17 +8,20 @@ namespace vkq::platform {
 
 void CompletionOutbox::flush() {
   if (pending_.empty()) return;
-  queue_.async([jobs = std::move(pending_)]() mutable {
-    for (auto& job : jobs) {
+  // The batch goes whole; the outbox starts again with as much room.
+  std::vector<Entry> batch;
+  batch.reserve(pending_.capacity());
+  batch.swap(pending_);
+  queue_.async([batch = std::move(batch)]() mutable {
+    for (Entry& entry : batch) {
       try {
-        job();
+        entry.transfer->handle(std::move(entry.event));
       } catch (...) {
-        // Each job guards its own callbacks; nothing may stop the ones after it.
+        // Each event guards its own callbacks; nothing may stop the ones after it.
       }
-      job = nullptr;  // release what it holds here, in order
+      entry.transfer.reset();  // release it here, in order
     }
   });
-  pending_.clear();
 }
 
 SessionEngine::SessionEngine()

@@ -8,11 +8,13 @@
 #pragma once
 
 #include <memory>
-#include <functional>
 #include <mutex>
 #include <vector>
 
+#include "Platform/Error.h"
+#include "Platform/HTTPResponse.h"
 #include "Platform/HTTPResponseSerializer.h"
+#include "Platform/Progress.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/TransferWorker.h"
 
@@ -35,18 +37,37 @@ class ResponseSerializerSlot {
   std::shared_ptr<HTTPResponseSerializer> serializer_;  // guarded by mutex_
 };
 
+class SessionTransfer;
+
+// One thing a transfer's worker side hands to its completion queue side.
+struct TransferEvent {
+  enum class Kind { UploadProgress, DownloadProgress, Completion };
+  Kind kind;
+  Progress progress;                               // progress events
+  std::shared_ptr<const HTTPResponse> response;    // the completion
+  ErrorPtr error;                                  // the completion
+};
+
 // What the worker hands to the completion queue (progress and completions), gathered
 // while it handles one round of events and posted as one queue job, in order: one
-// queue wake-up per round instead of one per task. Worker thread only.
+// queue wake-up per round instead of one per task, and no allocation per event once
+// the outbox has grown. Worker thread only.
 class CompletionOutbox {
  public:
   explicit CompletionOutbox(SerialQueue& queue) : queue_(queue) {}
-  void post(std::function<void()> job) { pending_.push_back(std::move(job)); }
+  void post(std::shared_ptr<SessionTransfer> transfer, TransferEvent event) {
+    pending_.push_back({std::move(transfer), std::move(event)});
+  }
   void flush();
 
  private:
+  struct Entry {
+    std::shared_ptr<SessionTransfer> transfer;
+    TransferEvent event;
+  };
+
   SerialQueue& queue_;
-  std::vector<std::function<void()>> pending_;
+  std::vector<Entry> pending_;
 };
 
 class SessionEngine {

@@ -294,14 +294,7 @@ void SessionTransfer::reportDownload(bool last) {
   if (!last && held - lastDownloadReported_ < kProgressStep && now - lastDownloadReport_ < kProgressInterval) return;
   lastDownloadReport_ = now;
   lastDownloadReported_ = held;
-  const Progress progress{held, expectedLength_};
-  outbox_->post([self = shared_from_this(), progress] {
-    try {
-      if (self->downloadProgress_) self->downloadProgress_(progress);
-    } catch (...) {
-      // A progress callback's failure is the application's; the transfer goes on.
-    }
-  });
+  outbox_->post(shared_from_this(), {TransferEvent::Kind::DownloadProgress, Progress{held, expectedLength_}, {}, {}});
 }
 
 void SessionTransfer::reportUpload(std::int64_t sent, std::int64_t total, bool last) {
@@ -312,14 +305,7 @@ void SessionTransfer::reportUpload(std::int64_t sent, std::int64_t total, bool l
   if (!last && sent - lastUploadReported_ < kProgressStep && now - lastUploadReport_ < kProgressInterval) return;
   lastUploadReport_ = now;
   lastUploadReported_ = sent;
-  const Progress progress{sent, uploadTotal_};
-  outbox_->post([self = shared_from_this(), progress] {
-    try {
-      if (self->uploadProgress_) self->uploadProgress_(progress);
-    } catch (...) {
-      // As for download progress.
-    }
-  });
+  outbox_->post(shared_from_this(), {TransferEvent::Kind::UploadProgress, Progress{sent, uploadTotal_}, {}, {}});
 }
 
 bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexcept {
@@ -373,7 +359,26 @@ ErrorPtr SessionTransfer::outcomeOfExchange(CURLcode code) {
 void SessionTransfer::conclude(ErrorPtr error, bool cancelled) {
   error = sink_->didFinish(std::move(error), cancelled);
   reportDownload(true);
-  outbox_->post([self = shared_from_this(), response = response_, error] { self->complete(response, error); });
+  outbox_->post(shared_from_this(), {TransferEvent::Kind::Completion, {}, response_, std::move(error)});
+}
+
+void SessionTransfer::handle(TransferEvent event) {
+  switch (event.kind) {
+    case TransferEvent::Kind::UploadProgress:
+    case TransferEvent::Kind::DownloadProgress: {
+      const ProgressBlock& block =
+          event.kind == TransferEvent::Kind::UploadProgress ? uploadProgress_ : downloadProgress_;
+      try {
+        if (block) block(event.progress);
+      } catch (...) {
+        // A progress callback's failure is the application's; the transfer goes on.
+      }
+      break;
+    }
+    case TransferEvent::Kind::Completion:
+      complete(event.response, std::move(event.error));
+      break;
+  }
 }
 
 void SessionTransfer::complete(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) {

@@ -30,6 +30,7 @@ namespace vkq::platform {
 
 class CompletionOutbox;
 class SessionEngine;
+struct TransferEvent;
 
 // Requests are shared, never changed once made: a changed request is a new one.
 using SharedRequest = std::shared_ptr<const URLRequest>;
@@ -101,6 +102,9 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   // Any thread: runs `job` on the completion queue, or not at all when the manager is
   // gone.
   void postToCompletionQueue(std::function<void()> job);
+
+  // Completion queue: runs what the worker side posted.
+  void handle(TransferEvent event);
 
   // TransferWorker::Transfer
   bool start(EasyHandle& easy) noexcept override;

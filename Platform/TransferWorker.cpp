@@ -84,9 +84,10 @@ void TransferWorker::run() {
     int queued = 0;
     while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
       if (message->msg != CURLMSG_DONE) continue;
-      CURL* easy = message->easy_handle;
       const CURLcode code = message->data.result;  // `message` dies with the removal
-      finish(easy, EndReason::Done, code);
+      Transfer* transfer = nullptr;
+      curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+      if (transfer != nullptr) finish(*transfer, EndReason::Done, code);
     }
 
     long curlTimeout = -1;
@@ -103,7 +104,7 @@ void TransferWorker::run() {
     curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(wait.count()), nullptr);
   }
 
-  while (!running_.empty()) finish(running_.begin()->first, EndReason::Cancelled, CURLE_OK);
+  while (!running_.empty()) finish(*running_.back().transfer, EndReason::Cancelled, CURLE_OK);
   beforeWait_();
 }
 
@@ -112,8 +113,9 @@ void TransferWorker::apply(Command& command) {
     begin(command.transfer);
     return;
   }
-  CURL* easy = command.transfer->runningHandle_;
-  if (easy != nullptr) finish(easy, EndReason::Cancelled, CURLE_OK);
+  if (command.transfer->runningSlot_ != Transfer::kNotRunning) {
+    finish(*command.transfer, EndReason::Cancelled, CURLE_OK);
+  }
 }
 
 void TransferWorker::begin(const std::shared_ptr<Transfer>& transfer) {
@@ -128,8 +130,9 @@ void TransferWorker::begin(const std::shared_ptr<Transfer>& transfer) {
     return;
   }
   CURL* handle = easy->get();
-  transfer->runningHandle_ = handle;
-  running_.emplace(handle, Running{transfer, std::move(easy)});
+  curl_easy_setopt(handle, CURLOPT_PRIVATE, transfer.get());
+  transfer->runningSlot_ = running_.size();
+  running_.push_back(Running{transfer, std::move(easy)});
   curl_multi_add_handle(multi_.get(), handle);
   if (running_.size() > mostRunning_) {
     // By default libcurl keeps 4 connections per handle in the multi handle. A
@@ -141,14 +144,19 @@ void TransferWorker::begin(const std::shared_ptr<Transfer>& transfer) {
   }
 }
 
-void TransferWorker::finish(CURL* easy, EndReason reason, CURLcode code) {
-  const auto it = running_.find(easy);
-  if (it == running_.end()) return;
-  Running running = std::move(it->second);
-  running_.erase(it);
-  curl_multi_remove_handle(multi_.get(), easy);
-  running.transfer->runningHandle_ = nullptr;
-  const bool again = running.transfer->end(reason, code);
+void TransferWorker::finish(Transfer& transfer, EndReason reason, CURLcode code) {
+  const std::size_t slot = transfer.runningSlot_;
+  if (slot >= running_.size() || running_[slot].transfer.get() != &transfer) return;
+  Running running = std::move(running_[slot]);
+  // The last one moves into the free slot.
+  if (slot + 1 != running_.size()) {
+    running_[slot] = std::move(running_.back());
+    running_[slot].transfer->runningSlot_ = slot;
+  }
+  running_.pop_back();
+  curl_multi_remove_handle(multi_.get(), running.easy->get());
+  transfer.runningSlot_ = Transfer::kNotRunning;
+  const bool again = transfer.end(reason, code);
   keepHandle(std::move(running.easy));
   if (again) begin(running.transfer);
 }
@@ -177,18 +185,18 @@ void TransferWorker::keepHandle(std::unique_ptr<EasyHandle> easy) {
 
 TransferWorker::Clock::duration TransferWorker::expireIdle(Clock::duration limit) {
   const auto now = Clock::now();
-  std::vector<CURL*> expired;
-  for (const auto& [easy, running] : running_) {
+  std::vector<std::shared_ptr<Transfer>> expired;
+  for (const Running& running : running_) {
     const auto& transfer = running.transfer;
     if (transfer->idleTimeout == Clock::duration::zero()) continue;
     const auto deadline = transfer->lastActivity + transfer->idleTimeout;
     if (deadline <= now) {
-      expired.push_back(easy);
+      expired.push_back(transfer);
     } else {
       limit = std::min(limit, deadline - now);
     }
   }
-  for (CURL* easy : expired) finish(easy, EndReason::TimedOut, CURLE_OPERATION_TIMEDOUT);
+  for (const auto& transfer : expired) finish(*transfer, EndReason::TimedOut, CURLE_OPERATION_TIMEDOUT);
   return expired.empty() ? limit : Clock::duration::zero();
 }
 

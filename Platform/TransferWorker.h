@@ -14,7 +14,6 @@
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include <curl/curl.h>
@@ -58,7 +57,8 @@ class TransferWorker {
 
    private:
     friend class TransferWorker;
-    CURL* runningHandle_ = nullptr;  // worker thread: the lent handle while it runs
+    static constexpr std::size_t kNotRunning = static_cast<std::size_t>(-1);
+    std::size_t runningSlot_ = kNotRunning;  // worker thread: its place in running_
   };
 
   // Sets the options shared by every exchange on a new easy handle (worker thread);
@@ -90,7 +90,7 @@ class TransferWorker {
   void run();
   void apply(Command& command);
   void begin(const std::shared_ptr<Transfer>& transfer);
-  void finish(CURL* easy, EndReason reason, CURLcode code);
+  void finish(Transfer& transfer, EndReason reason, CURLcode code);
   // A handle to lend: an idle one, or a new one (null when none can be made).
   std::unique_ptr<EasyHandle> takeHandle() noexcept;
   // Keeps a handle whose transfer is over for the next one, unless enough are idle.
@@ -113,9 +113,10 @@ class TransferWorker {
     std::shared_ptr<Transfer> transfer;
     std::unique_ptr<EasyHandle> easy;
   };
-  // Worker thread only: running transfers by easy handle, and handles ready for reuse
+  // Worker thread only: the running transfers (each knows its slot, and its easy
+  // handle points back to it through CURLOPT_PRIVATE), and handles ready for reuse
   // (declared after share_, so they go before it).
-  std::unordered_map<CURL*, Running> running_;
+  std::vector<Running> running_;
   std::vector<std::unique_ptr<EasyHandle>> idleHandles_;
   std::size_t mostRunning_ = 0;
 
