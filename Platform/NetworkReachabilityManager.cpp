@@ -120,6 +120,8 @@ class NetworkReachabilityManager::State : public std::enable_shared_from_this<St
   // Records `kernel` (when given) and returns the report to post if the status monitoring
   // shows has changed. Requires mutex_.
   std::optional<Report> updateLocked(std::optional<Status> kernel);
+  // The override, else the last reading while monitoring, else Unknown. Requires mutex_.
+  Status shownLocked() const;
   void overrideChanged();
   void post(std::optional<Report> report);
   void deliver(Report report);
@@ -235,8 +237,7 @@ NetworkReachabilityStatus NetworkReachabilityManager::State::current() {
     if (monitoring_ && onDemand_ && std::chrono::steady_clock::now() - readAt_ >= kOnDemandLifetime) {
       report = updateLocked(kernelStatus());
     }
-    const auto forced = currentOverride();
-    status = forced ? *forced : monitoring_ ? kernel_.value_or(Status::Unknown) : Status::Unknown;
+    status = shownLocked();
   }
   post(report);
   return status;
@@ -254,11 +255,15 @@ std::optional<NetworkReachabilityManager::State::Report> NetworkReachabilityMana
     readAt_ = std::chrono::steady_clock::now();
   }
   if (!monitoring_) return std::nullopt;
-  const auto forced = currentOverride();
-  const Status shown = forced ? *forced : kernel_.value_or(Status::Unknown);
+  const Status shown = shownLocked();
   if (reported_ == shown) return std::nullopt;
   reported_ = shown;
   return Report{shown, ++postedSequence_};
+}
+
+NetworkReachabilityStatus NetworkReachabilityManager::State::shownLocked() const {
+  if (const auto forced = currentOverride()) return *forced;
+  return monitoring_ ? kernel_.value_or(Status::Unknown) : Status::Unknown;
 }
 
 void NetworkReachabilityManager::State::post(std::optional<Report> report) {
@@ -297,7 +302,7 @@ class NetworkReachabilityManager::Listener {
   ~Listener();
 
   // Starts the thread: `onChange` after each batch of notices, `onLost` once if the
-  // listener has to give up. Neither may be called after the listener is destroyed.
+  // listener has to give up. Neither is called once the listener is destroyed.
   void start(ChangeHandler onChange, LossHandler onLost);
 
  private:
