@@ -40,10 +40,15 @@ HTTPHeaders::HTTPHeaders(std::initializer_list<Field> fields) {
 }
 
 std::optional<std::string> HTTPHeaders::value(std::string_view name) const {
-  for (const auto& field : fields_) {
-    if (sameName(field.first, name)) return field.second;
-  }
+  if (const std::string* found = find(name)) return *found;
   return std::nullopt;
+}
+
+const std::string* HTTPHeaders::find(std::string_view name) const {
+  for (const auto& field : fields_) {
+    if (sameName(field.first, name)) return &field.second;
+  }
+  return nullptr;
 }
 
 void HTTPHeaders::set(std::string_view name, std::string_view value) {

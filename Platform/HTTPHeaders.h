@@ -18,7 +18,10 @@ class HTTPHeaders {
   HTTPHeaders(std::initializer_list<Field> fields);
 
   std::optional<std::string> value(std::string_view name) const;
-  bool contains(std::string_view name) const { return value(name).has_value(); }
+  // The field's value without a copy, or null when absent; valid until the fields
+  // change.
+  const std::string* find(std::string_view name) const;
+  bool contains(std::string_view name) const { return find(name) != nullptr; }
   // Sets or replaces a field; an existing field keeps its place and spelling.
   void set(std::string_view name, std::string_view value);
   // Adds a field, or appends ", value" to the one of that name: how a field that an

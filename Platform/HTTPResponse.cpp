@@ -17,7 +17,7 @@ std::string_view trimmed(std::string_view text) {
 }  // namespace
 
 std::optional<std::string> HTTPResponse::MIMEType() const {
-  const auto contentType = allHeaderFields.value("Content-Type");
+  const std::string* contentType = allHeaderFields.find("Content-Type");
   if (!contentType) return std::nullopt;
   const std::string_view type = trimmed(std::string_view(*contentType).substr(0, contentType->find(';')));
   if (type.empty()) return std::nullopt;
@@ -29,7 +29,7 @@ std::optional<std::string> HTTPResponse::MIMEType() const {
 }
 
 std::int64_t HTTPResponse::expectedContentLength() const {
-  const auto header = allHeaderFields.value("Content-Length");
+  const std::string* header = allHeaderFields.find("Content-Length");
   if (!header) return -1;
   const std::string_view text = trimmed(*header);
   std::int64_t length = -1;

@@ -39,7 +39,7 @@ std::optional<std::string> unsafeHeaderField(const HTTPHeaders& fields) {
 }
 
 bool isContentEncoded(const HTTPResponse& response) {
-  const auto encoding = response.allHeaderFields.value("Content-Encoding");
+  const std::string* encoding = response.allHeaderFields.find("Content-Encoding");
   return encoding && !encoding->empty() && *encoding != "identity";
 }
 
@@ -267,8 +267,8 @@ ErrorPtr SessionTransfer::takeResponse() {
     redirected->url = response->url;
     record_->currentRequest = std::move(redirected);
   }
-  record_->bytesReceived = held;
-  record_->bytesExpected = expectedLength_;
+  record_->bytesReceived.store(held, std::memory_order_relaxed);
+  record_->bytesExpected.store(expectedLength_, std::memory_order_relaxed);
   return error;
 }
 
@@ -278,10 +278,7 @@ std::size_t SessionTransfer::receiveBody(const char* data, std::size_t length) {
     if ((abortError_ = takeResponse())) return CURL_WRITEFUNC_ERROR;
   }
   if ((abortError_ = sink_->didReceiveData(data, length))) return CURL_WRITEFUNC_ERROR;
-  {
-    std::lock_guard lock(record_->mutex);
-    record_->bytesReceived = sink_->length();
-  }
+  record_->bytesReceived.store(sink_->length(), std::memory_order_relaxed);
   reportDownload(false);
   return length;
 }

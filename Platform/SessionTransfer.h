@@ -46,8 +46,9 @@ struct TaskRecord {
   SharedRequest currentRequest;                                 // guarded by mutex
   std::shared_ptr<const HTTPResponse> response;                 // guarded by mutex
   ErrorPtr error;                                               // guarded by mutex
-  std::int64_t bytesReceived = 0;                               // guarded by mutex
-  std::int64_t bytesExpected = -1;                              // guarded by mutex
+  // Written by the worker as data arrives, read by anyone.
+  std::atomic<std::int64_t> bytesReceived{0};
+  std::atomic<std::int64_t> bytesExpected{-1};
 };
 
 // Where a task's answer body goes and what its outcome becomes. The worker-side hooks

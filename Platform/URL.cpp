@@ -110,7 +110,7 @@ std::optional<URL> URL::URLWithString(std::string_view text) {
   // (the agent alone parses each request's URL more than once): each thread keeps the
   // last URL it parsed.
   thread_local std::optional<URL> last;
-  if (last && last->text_ == text) return last;
+  if (last && last->text() == text) return last;
   if (text.empty() || !hasValidCharacters(text)) return std::nullopt;
   const Components components = splitReference(text);
   Parts parts;
@@ -137,14 +137,14 @@ std::optional<URL> URL::URLWithString(std::string_view text) {
 
 std::optional<URL> URL::URLWithString(std::string_view text, const URL& base) {
   if (text.empty() || text.starts_with('#')) {
-    const std::string_view unfragmented = std::string_view(base.text_).substr(0, base.text_.find('#'));
+    const std::string_view unfragmented = std::string_view(base.text()).substr(0, base.text().find('#'));
     return URLWithString(std::string(unfragmented) + std::string(text));
   }
   std::optional<URL> reference = URLWithString(text);
-  if (!reference || !reference->parts_.scheme.empty()) return reference;
+  if (!reference || !reference->parts().scheme.empty()) return reference;
 
-  if (base.parts_.hasAuthority && !base.parts_.scheme.empty()) {
-    CurlURL handle = parseWithCurl(base.text_);
+  if (base.parts().hasAuthority && !base.parts().scheme.empty()) {
+    CurlURL handle = parseWithCurl(base.text());
     if (!handle) return std::nullopt;
     const std::string relative(text);
     if (curl_url_set(handle.get(), CURLUPART_URL, relative.c_str(), kCurlFlags) != CURLUE_OK) return std::nullopt;
@@ -153,7 +153,7 @@ std::optional<URL> URL::URLWithString(std::string_view text, const URL& base) {
   }
 
   // A base without an authority ("a/b/", "mailto:x"): merge the paths (RFC 3986, 5.2.3).
-  const Components baseParts = splitReference(base.text_);
+  const Components baseParts = splitReference(base.text());
   std::string merged = baseParts.scheme ? std::string(*baseParts.scheme) + ":" : std::string();
   if (!text.starts_with('/') && !text.starts_with('?')) {
     const auto slash = baseParts.path.rfind('/');
@@ -177,29 +177,29 @@ URL URL::fileURLWithPath(std::string_view path, bool isDirectory) {
 }
 
 std::string URL::lastPathComponent() const {
-  std::string_view path = parts_.path;
+  std::string_view path = parts().path;
   while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
   if (path == "/") return "";
   const auto slash = path.rfind('/');
   return percentDecode(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
 
-std::string URL::filePath() const { return percentDecode(parts_.path); }
+std::string URL::filePath() const { return percentDecode(parts().path); }
 
 bool URL::isFileURL() const {
-  return strcasecmp(parts_.scheme.c_str(), "file") == 0;
+  return strcasecmp(parts().scheme.c_str(), "file") == 0;
 }
 
 URL URL::URLByAppendingPathComponent(std::string_view component) const {
-  const Components components = splitReference(text_);
-  const std::size_t pathStart = static_cast<std::size_t>(components.path.data() - text_.data());
+  const Components components = splitReference(text());
+  const std::size_t pathStart = static_cast<std::size_t>(components.path.data() - text().data());
   const std::size_t pathEnd = pathStart + components.path.size();
 
-  Parts parts = parts_;
-  if (!parts.path.ends_with('/')) parts.path += '/';
-  parts.path += percentEncode(component, isPathByte);
-  std::string text = text_.substr(0, pathStart) + parts.path + text_.substr(pathEnd);
-  return URL(std::move(text), std::move(parts));
+  Parts appended = parts();
+  if (!appended.path.ends_with('/')) appended.path += '/';
+  appended.path += percentEncode(component, isPathByte);
+  std::string appendedText = text().substr(0, pathStart) + appended.path + text().substr(pathEnd);
+  return URL(std::move(appendedText), std::move(appended));
 }
 
 }  // namespace vkq::platform

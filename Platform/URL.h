@@ -4,9 +4,11 @@
 // A URL made from a string keeps that string as its absoluteString unchanged; parts
 // are read from the parsed form. An absolute URL with an authority ("scheme://...")
 // is checked by libcurl; other forms ("a/b", "/a", "mailto:x") only for their
-// characters. Values; cheap to copy; thread-compatible.
+// characters. Values; copies share the (immutable) text and parts, so copying is cheap;
+// thread-safe.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,11 +30,11 @@ class URL {
 
   // Parts; empty when the URL has none. path() and query() keep their percent-encoding;
   // the scheme is as written; an IPv6 host comes without its brackets.
-  const std::string& scheme() const { return parts_.scheme; }
-  const std::string& host() const { return parts_.host; }
-  std::optional<int> port() const { return parts_.port; }
-  const std::string& path() const { return parts_.path; }
-  const std::string& query() const { return parts_.query; }
+  const std::string& scheme() const { return parts().scheme; }
+  const std::string& host() const { return parts().host; }
+  std::optional<int> port() const { return parts().port; }
+  const std::string& path() const { return parts().path; }
+  const std::string& query() const { return parts().query; }
   // The last segment of the path, percent-decoded ("" for "http://h" or "http://h/").
   std::string lastPathComponent() const;
   // For file URLs: the local file path, percent-decoded.
@@ -43,10 +45,12 @@ class URL {
   // Characters a path cannot hold (" ", "?", "#", "%", ...) are percent-encoded.
   URL URLByAppendingPathComponent(std::string_view component) const;
 
-  const std::string& absoluteString() const { return text_; }
-  std::string description() const { return text_; }
+  const std::string& absoluteString() const { return text(); }
+  std::string description() const { return text(); }
 
-  friend bool operator==(const URL& a, const URL& b) { return a.text_ == b.text_; }
+  friend bool operator==(const URL& a, const URL& b) {
+    return a.storage_ == b.storage_ || a.text() == b.text();
+  }
 
  private:
   struct Parts {
@@ -58,10 +62,19 @@ class URL {
     std::string query;
   };
 
-  URL(std::string text, Parts parts) : text_(std::move(text)), parts_(std::move(parts)) {}
+  // The text and its parts, shared by the copies of a URL (it never changes).
+  struct Storage {
+    std::string text;
+    Parts parts;
+  };
 
-  std::string text_;
-  Parts parts_;
+  URL(std::string text, Parts parts)
+      : storage_(std::make_shared<const Storage>(Storage{std::move(text), std::move(parts)})) {}
+
+  const std::string& text() const { return storage_->text; }
+  const Parts& parts() const { return storage_->parts; }
+
+  std::shared_ptr<const Storage> storage_;  // never null
 };
 
 }  // namespace vkq::platform

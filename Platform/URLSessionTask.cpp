@@ -47,13 +47,11 @@ ErrorPtr URLSessionTask::error() const {
 }
 
 std::int64_t URLSessionTask::countOfBytesReceived() const {
-  std::lock_guard lock(record_->mutex);
-  return record_->bytesReceived;
+  return record_->bytesReceived.load(std::memory_order_relaxed);
 }
 
 std::int64_t URLSessionTask::countOfBytesExpectedToReceive() const {
-  std::lock_guard lock(record_->mutex);
-  return record_->bytesExpected;
+  return record_->bytesExpected.load(std::memory_order_relaxed);
 }
 
 URLSessionDataTask::URLSessionDataTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer)
