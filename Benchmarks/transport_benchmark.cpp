@@ -7,7 +7,8 @@
 //    client CPU microseconds per request (getrusage of the whole process: worker,
 //    completion queue and benchmark threads) and the system part of it, sleeps per
 //    request (voluntary context switches), the requests in flight (most, and the
-//    mean by Little's law) and the connections the server saw them come over.
+//    mean by Little's law), the connections the server saw them come over, and the
+//    server's CPU per request (its process's /proc figures, in 10 ms steps).
 //  Download/<client>/<n>: a 256 MiB file to disk, beside the curl tool. Counter: MiB/s.
 // The two clients run interleaved, several times each; the summary at the end gives the
 // ratios of the medians.
@@ -28,6 +29,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -52,6 +54,7 @@ constexpr int kDownloadRepetitions = 3;
 
 std::string baseURL;
 fs::path workFolder;
+pid_t serverProcess = -1;
 std::map<std::string, std::vector<double>> results;  // name -> one value per repetition
 
 // The process's CPU time (every thread, user and system) and how often its threads
@@ -70,6 +73,22 @@ struct Usage {
 };
 
 using Clock = std::chrono::steady_clock;
+
+// The server process's CPU time so far (user and system), from /proc; 10 ms steps.
+double serverCpuSeconds() {
+  std::ifstream stat("/proc/" + std::to_string(serverProcess) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  // The fields after the command name (which is in parentheses): utime and stime are
+  // the 12th and 13th of them.
+  std::istringstream fields(line.substr(line.rfind(')') + 2));
+  std::string field;
+  double ticks = 0;
+  for (int i = 1; i <= 13 && fields >> field; ++i) {
+    if (i >= 12) ticks += std::stod(field);
+  }
+  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
 
 // Requests in flight, counted at the client: the most at once, and the mean over the
 // run (Little's law: the summed request latencies over the run's wall time). Either
@@ -120,15 +139,18 @@ void measureSmallGets(benchmark::State& state, const std::string& name, Body bod
     InFlightCounter counter;
     connectionsUsed();  // starts the server's count afresh
     const Usage before = Usage::now();
+    const double serverBefore = serverCpuSeconds();
     const auto started = Clock::now();
     body(counter);
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
     const Usage after = Usage::now();
+    const double serverCpu = serverCpuSeconds() - serverBefore;
     const double cpu = after.cpuSeconds - before.cpuSeconds;
     state.SetIterationTime(seconds);
     state.counters["requests_per_s"] = kRequests / seconds;
     state.counters["cpu_us_per_request"] = cpu * 1e6 / kRequests;
     state.counters["system_us_per_request"] = (after.systemSeconds - before.systemSeconds) * 1e6 / kRequests;
+    state.counters["server_cpu_us_per_request"] = serverCpu * 1e6 / kRequests;
     state.counters["sleeps_per_request"] = (after.sleeps - before.sleeps) / kRequests;
     state.counters["in_flight_max"] = counter.most();
     state.counters["in_flight_mean"] = counter.mean(seconds);
@@ -375,6 +397,7 @@ int main(int argc, char** argv) {
   fs::create_directories(workFolder);
   // Forked before any thread exists in this process.
   const pid_t server = startServerProcess();
+  serverProcess = server;
   if (server < 0) {
     std::cerr << "cannot start the server process\n";
     return 1;
