@@ -77,8 +77,22 @@ void SessionTransfer::resume() {
     return;
   }
   record_->state = URLSessionTaskState::Running;
-  // Queued under the lock so that a concurrent cancel() reaches the worker after it.
-  engine->worker().add(shared_from_this());
+  // Queued under the lock so that a concurrent cancel() or suspend() reaches the worker
+  // after it.
+  if (record_->started) {
+    engine->worker().unpause(shared_from_this());
+  } else {
+    record_->started = true;
+    engine->worker().add(shared_from_this());
+  }
+}
+
+void SessionTransfer::suspend() {
+  const auto engine = engine_.lock();  // released after the record's lock
+  std::lock_guard lock(record_->mutex);
+  if (record_->state != URLSessionTaskState::Running || !engine) return;
+  record_->state = URLSessionTaskState::Suspended;
+  engine->worker().pause(shared_from_this());
 }
 
 void SessionTransfer::cancel() {
@@ -87,7 +101,7 @@ void SessionTransfer::cancel() {
   const URLSessionTaskState state = record_->state;
   if (state != URLSessionTaskState::Suspended && state != URLSessionTaskState::Running) return;
   record_->state = URLSessionTaskState::Canceling;
-  if (state == URLSessionTaskState::Running) {
+  if (record_->started) {
     if (engine) engine->worker().cancel(shared_from_this());
     return;
   }

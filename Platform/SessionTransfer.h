@@ -8,6 +8,8 @@
 //   Suspended --resume()--> Running --(exchange ends)--> Completed
 //   Suspended --cancel()--> Canceling --(queued at once)--> Completed
 //   Running   --cancel()--> Canceling --(worker stops it)--> Completed
+//   Running  --suspend()--> Suspended (paused on the worker) --resume()--> Running
+// A task paused on the worker is cancelled as a running one.
 #pragma once
 
 #include <atomic>
@@ -43,6 +45,7 @@ struct TaskRecord {
 
   mutable std::mutex mutex;
   URLSessionTaskState state = URLSessionTaskState::Suspended;  // guarded by mutex
+  bool started = false;  // guarded by mutex: handed to the worker (maybe paused there)
   SharedRequest currentRequest;                                 // guarded by mutex
   std::shared_ptr<const HTTPResponse> response;                 // guarded by mutex
   ErrorPtr error;                                               // guarded by mutex
@@ -98,6 +101,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
 
   // Any thread.
   void resume();
+  void suspend();
   void cancel();
   BodySink& sink() { return *sink_; }
   // Any thread: runs `job` on the completion queue, or not at all when the manager is

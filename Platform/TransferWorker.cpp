@@ -39,9 +39,17 @@ TransferWorker::~TransferWorker() {
   thread_.join();
 }
 
-void TransferWorker::add(std::shared_ptr<Transfer> transfer) { post({false, std::move(transfer)}); }
+void TransferWorker::add(std::shared_ptr<Transfer> transfer) { post({Command::Kind::Start, std::move(transfer)}); }
 
-void TransferWorker::cancel(std::shared_ptr<Transfer> transfer) { post({true, std::move(transfer)}); }
+void TransferWorker::cancel(std::shared_ptr<Transfer> transfer) {
+  post({Command::Kind::Cancel, std::move(transfer)});
+}
+
+void TransferWorker::pause(std::shared_ptr<Transfer> transfer) { post({Command::Kind::Pause, std::move(transfer)}); }
+
+void TransferWorker::unpause(std::shared_ptr<Transfer> transfer) {
+  post({Command::Kind::Unpause, std::move(transfer)});
+}
 
 void TransferWorker::post(Command command) {
   bool wake;
@@ -70,7 +78,7 @@ void TransferWorker::run() {
       waiting_ = false;
     }
     for (Command& command : commands) {
-      if (stopping && !command.cancel) {
+      if (stopping && command.kind == Command::Kind::Start) {
         command.transfer->end(EndReason::Cancelled, CURLE_OK);  // never started
       } else {
         apply(command);
@@ -109,12 +117,28 @@ void TransferWorker::run() {
 }
 
 void TransferWorker::apply(Command& command) {
-  if (!command.cancel) {
+  Transfer& transfer = *command.transfer;
+  if (command.kind == Command::Kind::Start) {
     begin(command.transfer);
     return;
   }
-  if (command.transfer->runningSlot_ != Transfer::kNotRunning) {
-    finish(*command.transfer, EndReason::Cancelled, CURLE_OK);
+  if (transfer.runningSlot_ == Transfer::kNotRunning) return;  // ended already
+  switch (command.kind) {
+    case Command::Kind::Cancel:
+      finish(transfer, EndReason::Cancelled, CURLE_OK);
+      break;
+    case Command::Kind::Pause:
+      transfer.paused_ = true;
+      curl_easy_pause(running_[transfer.runningSlot_].easy->get(), CURLPAUSE_ALL);
+      break;
+    case Command::Kind::Unpause:
+      // The idle time-out starts afresh; data held back may be delivered right here.
+      transfer.paused_ = false;
+      transfer.lastActivity = Clock::now();
+      curl_easy_pause(running_[transfer.runningSlot_].easy->get(), CURLPAUSE_CONT);
+      break;
+    case Command::Kind::Start:
+      break;
   }
 }
 
@@ -156,6 +180,7 @@ void TransferWorker::finish(Transfer& transfer, EndReason reason, CURLcode code)
   running_.pop_back();
   curl_multi_remove_handle(multi_.get(), running.easy->get());
   transfer.runningSlot_ = Transfer::kNotRunning;
+  transfer.paused_ = false;
   const bool again = transfer.end(reason, code);
   keepHandle(std::move(running.easy));
   if (again) begin(running.transfer);
@@ -188,7 +213,7 @@ TransferWorker::Clock::duration TransferWorker::expireIdle(Clock::duration limit
   std::vector<std::shared_ptr<Transfer>> expired;
   for (const Running& running : running_) {
     const auto& transfer = running.transfer;
-    if (transfer->idleTimeout == Clock::duration::zero()) continue;
+    if (transfer->idleTimeout == Clock::duration::zero() || transfer->paused_) continue;
     const auto deadline = transfer->lastActivity + transfer->idleTimeout;
     if (deadline <= now) {
       expired.push_back(transfer);

@@ -59,6 +59,7 @@ class TransferWorker {
     friend class TransferWorker;
     static constexpr std::size_t kNotRunning = static_cast<std::size_t>(-1);
     std::size_t runningSlot_ = kNotRunning;  // worker thread: its place in running_
+    bool paused_ = false;                    // worker thread
   };
 
   // Sets the options shared by every exchange on a new easy handle (worker thread);
@@ -77,12 +78,17 @@ class TransferWorker {
   void add(std::shared_ptr<Transfer> transfer);
   // Thread-safe. Ends the transfer with EndReason::Cancelled unless it already ended.
   void cancel(std::shared_ptr<Transfer> transfer);
+  // Thread-safe. Pauses a running transfer: no data moves in either direction and its
+  // idle time-out stops, until unpause(). No effect on a transfer that is not running.
+  void pause(std::shared_ptr<Transfer> transfer);
+  void unpause(std::shared_ptr<Transfer> transfer);
 
   bool isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
 
  private:
   struct Command {
-    bool cancel;
+    enum class Kind { Start, Cancel, Pause, Unpause };
+    Kind kind;
     std::shared_ptr<Transfer> transfer;
   };
 

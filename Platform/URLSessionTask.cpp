@@ -14,6 +14,8 @@ std::uint64_t URLSessionTask::taskIdentifier() const { return record_->identifie
 
 void URLSessionTask::resume() { transfer_->resume(); }
 
+void URLSessionTask::suspend() { transfer_->suspend(); }
+
 void URLSessionTask::cancel() { transfer_->cancel(); }
 
 URLSessionTaskState URLSessionTask::state() const {

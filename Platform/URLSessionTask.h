@@ -2,10 +2,11 @@
 // HTTPSessionManager.
 //
 // A task is an identity object made by a session manager, never by the application. It
-// is created suspended; resume() starts the exchange, cancel() stops it. Every accessor
-// and both operations are thread-safe and may be called from any thread, including from
-// the manager's completion handlers. The manager delivers the outcome (exactly once per
-// task, also after cancel()) to the completion handler given when the task was made.
+// is created suspended; resume() starts the exchange, suspend() pauses it, cancel()
+// stops it. Every accessor and operation is thread-safe and may be called from any
+// thread, including from the manager's completion handlers. The manager delivers the
+// outcome (exactly once per task, also after cancel()) to the completion handler given
+// when the task was made.
 //
 // Keeping a task alive is not needed for it to run: once resumed, the exchange keeps
 // what it needs until its completion handler has run.
@@ -37,9 +38,12 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   // Unique within the process and increasing in the order tasks are made; never 0.
   std::uint64_t taskIdentifier() const;
 
-  // Starts a suspended task. No effect on a task that runs, is being cancelled or has
-  // completed.
+  // Starts a suspended task, or lets a task paused by suspend() go on. No effect on a
+  // task that runs, is being cancelled or has completed.
   void resume();
+  // Pauses a running task: no data moves and its idle time-out stops until resume();
+  // the server may give up on it meanwhile. No effect on a task in any other state.
+  void suspend();
   // Stops the task: its completion handler runs with kURLErrorCancelled, unless the
   // exchange had already finished. A suspended task is cancelled without being sent.
   // No effect on a task that is being cancelled or has completed.

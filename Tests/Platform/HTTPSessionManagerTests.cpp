@@ -80,6 +80,47 @@ TEST_F(DataTaskTest, SlowButSteadyAnswerOutlivingTheTimeoutSucceeds) {
   EXPECT_EQ(outcome.body(), body);
 }
 
+TEST_F(DataTaskTest, SuspendedTaskMovesNoDataAndDoesNotTimeOutThenResumesOrCancels) {
+  const std::string body = patternBytes(20 * 100);
+  for (const bool cancelWhileSuspended : {false, true}) {
+    SCOPED_TRACE(cancelWhileSuspended ? "cancel while suspended" : "resume");
+    server.answer("/trickle", ScriptedAnswer(200, body).slow(30ms, 100));  // 0.6 s in all
+    Outcomes<DataOutcome> outcomes;
+    auto task = manager->dataTaskWithRequest(makeRequest(server.url("/trickle"), 0.3), nullptr, nullptr,
+                                             outcomes.collector());
+    task->resume();
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (task->countOfBytesReceived() == 0 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(5ms);
+    }
+    task->suspend();
+    EXPECT_EQ(task->state(), platform::URLSessionTaskState::Suspended);
+    std::this_thread::sleep_for(100ms);  // the pause reaches the worker
+    const std::int64_t held = task->countOfBytesReceived();
+    ASSERT_LT(held, static_cast<std::int64_t>(body.size()));
+    std::this_thread::sleep_for(700ms);  // longer than the idle time-out and the whole answer
+    EXPECT_EQ(task->countOfBytesReceived(), held);
+    EXPECT_TRUE(outcomes.all().empty());
+
+    if (cancelWhileSuspended) {
+      task->cancel();
+    } else {
+      task->resume();
+    }
+    ASSERT_TRUE(outcomes.waitFor(1));
+    std::this_thread::sleep_for(50ms);
+    const auto all = outcomes.all();
+    ASSERT_EQ(all.size(), 1u);
+    if (cancelWhileSuspended) {
+      EXPECT_EQ(codeOf(all[0].error), platform::kURLErrorCancelled);
+    } else {
+      EXPECT_EQ(all[0].error, nullptr);
+      EXPECT_EQ(all[0].body(), body);
+    }
+    EXPECT_EQ(task->state(), platform::URLSessionTaskState::Completed);
+  }
+}
+
 TEST_F(DataTaskTest, CookieSetByOneAnswerIsSentWithTheNextRequest) {
   server.answer("/login", ScriptedAnswer(200, "ok").header("Set-Cookie", "session=abc123; Path=/"));
   server.answer("/profile", ScriptedAnswer(200, "me"));
