@@ -27,6 +27,12 @@ void EasyHandle::reuse() {
   errorBuffer_[0] = '\0';
 }
 
+void EasyHandle::setURL(const std::string& url) {
+  if (url == url_) return;
+  if (curl_easy_setopt(handle_, CURLOPT_URL, url.c_str()) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  url_ = url;
+}
+
 void EasyHandle::setReceiveBufferSize(long bytes) {
   curl_easy_setopt(handle_, CURLOPT_BUFFERSIZE, bytes);
   if (bytes > CURL_MAX_WRITE_SIZE) largeReceiveBuffer_ = true;

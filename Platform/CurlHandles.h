@@ -32,6 +32,9 @@ class EasyHandle {
   // receive buffer and connection cache links too), so the next user sets each
   // option it varies.
   void reuse();
+  // Sets the URL of the next exchange (CURLOPT_URL); libcurl keeps its own copy, so a
+  // URL equal to the last one is not set again.
+  void setURL(const std::string& url);
   // Sets libcurl's receive buffer size (CURLOPT_BUFFERSIZE) for the next exchange.
   void setReceiveBufferSize(long bytes);
   // True once the receive buffer was set larger than libcurl's default.
@@ -47,6 +50,7 @@ class EasyHandle {
 
  private:
   CURL* handle_;
+  std::string url_;                // installed with CURLOPT_URL
   curl_slist* headers_ = nullptr;  // installed with CURLOPT_HTTPHEADER
   // The lines of headers_ and those of the list being built, each ended by a NUL
   // (which no header line may contain).

@@ -179,7 +179,7 @@ void SessionTransfer::configure(const URLRequest& request) {
   // Sets every option prepareHandle() leaves out, so that nothing of an earlier
   // exchange on the same handle stays.
   CURL* handle = easy_->get();
-  curl_easy_setopt(handle, CURLOPT_URL, request.url->absoluteString().c_str());
+  easy_->setURL(request.url->absoluteString());
   easy_->setReceiveBufferSize(receiveBufferSize_ > 0 ? receiveBufferSize_ : CURL_MAX_WRITE_SIZE);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
