@@ -157,6 +157,7 @@ void measureSmallGets(benchmark::State& state, const std::string& name, Body bod
     state.counters["connections"] = connectionsUsed();
     results[name + "/rps"].push_back(kRequests / seconds);
     results[name + "/cpu"].push_back(cpu * 1e6 / kRequests);
+    results[name + "/server"].push_back(serverCpu * 1e6 / kRequests);
   }
 }
 
@@ -339,6 +340,14 @@ void printSummary() {
               sessionCpu, curlCpu, curlCpu > 0 ? sessionCpu / curlCpu : 0);
   std::printf("  256 MiB download: session %.0f MiB/s, curl tool %.0f MiB/s -> ratio %.3f (target >= 0.95)\n",
               sessionMiB, toolMiB, toolMiB > 0 ? sessionMiB / toolMiB : 0);
+  // Client and server share the machine's cores: once they are busy, requests per
+  // second follow the CPU both spend per request.
+  const double sessionServer = median(results["SmallGets/session/server"]);
+  const double curlServer = median(results["SmallGets/curl/server"]);
+  std::printf("  server CPU per request: with session %.1f us, with plain libcurl %.1f us; on busy cores req/s "
+              "could reach at most %.3f of plain libcurl's\n",
+              sessionServer, curlServer,
+              sessionCpu + sessionServer > 0 ? (curlCpu + curlServer) / (sessionCpu + sessionServer) : 0);
   std::printf("Ratios of the interleaved pairs, median (lowest-highest):\n");
   std::printf("  small GETs req/s %s, CPU per request %s\n",
               pairedRatios(results["SmallGets/session/rps"], results["SmallGets/curl/rps"]).c_str(),
