@@ -19,7 +19,7 @@ using vkq::platform::Bytes;
 using vkq::platform::JSON;
 using vkq::platform::Object;
 
-TEST(VKQResponseCode, KnowsExactlyTheFiveCodesFromMinusFourToZero) {
+TEST(VKQResponseCode, KnowsExactlyTheFiveCodesFromMinusFourToZeroAndDescribesAnyCode) {
   const struct {
     std::int64_t code;
     std::optional<std::string> msg;
@@ -28,9 +28,6 @@ TEST(VKQResponseCode, KnowsExactlyTheFiveCodesFromMinusFourToZero) {
       {-3, "protocol error"}, {-4, "server error"}, {-5, std::nullopt},    {INT64_MIN, std::nullopt},
   };
   for (const auto& row : table) EXPECT_EQ(VKQResponseCode::responseCode(row.code)->msg(), row.msg) << row.code;
-}
-
-TEST(VKQResponseCode, DescriptionsShowCodeAndMessageOrNullAlsoForASuccessResult) {
   EXPECT_EQ(VKQResponseCode::responseCode(-3)->description(), "code = -3, msg = protocol error");
   EXPECT_EQ(VKQResponseCode::responseCode(7)->description(), "code = 7, msg = (null)");
   EXPECT_EQ(VKQVeskResult::resultWithSuccessData(nullptr, nullptr)->description(),
