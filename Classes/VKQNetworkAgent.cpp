@@ -4,10 +4,7 @@
 #include <plist/plist.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -15,6 +12,7 @@
 #include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
 #include "Classes/Serialization/Response/VKQJSONResponseSerializer.h"
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
+#include "Classes/VKQResumeDataStore.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
 #include "Platform/Assert.h"
@@ -74,34 +72,6 @@ void callResultBlock(const VKQVeskRequest::ResultBlock& block, const std::shared
 bool isContainedFileName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
-}
-
-std::optional<Bytes> readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  Bytes bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (in.bad()) return std::nullopt;
-  return bytes;
-}
-
-// Writes beside the file, then renames, so a reader never sees half a file.
-void writeFileAtomically(const fs::path& path, const Bytes& bytes) {
-  fs::path partial = path;
-  partial += ".partial";
-  {
-    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!out) {
-      DDDebug("Failed to store resume data at", partial.string());
-      return;
-    }
-  }
-  std::error_code ec;
-  fs::rename(partial, path, ec);
-  if (ec) {
-    DDDebug("Failed to store resume data at", path.string());
-    fs::remove(partial, ec);
-  }
 }
 
 // The settings text of the debug log: a line break, then one line per setting of
@@ -219,7 +189,7 @@ void VKQNetworkAgent::cancelRequest(const std::shared_ptr<VKQVeskRequest>& reque
       if (sent && sent->url) target = (fs::path(path) / sent->url->lastPathComponent()).string();
     }
     download->cancelByProducingResumeData([this, path, target](std::optional<Bytes> resumeData) {
-      if (resumeData) storeResumeData(path, target, *resumeData);
+      if (resumeData) VKQResumeDataStore::store(path, target, *resumeData);
     });
   } else if (task) {
     task->cancel();
@@ -442,16 +412,7 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
   // An earlier file is gone even if this download fails; a failure to remove is ignored.
   fs::remove_all(target, ec);
 
-  // The test looks for the file named after the target; the data come from the one
-  // named after the download path. For a folder they differ, and the folder's file
-  // may belong to another download into that folder: then both must hold the same data.
-  std::optional<Bytes> resumeData;
-  const auto testFile = incompleteDownloadTempPathForDownloadPath(target);
-  const auto readFileURL = incompleteDownloadTempPathForDownloadPath(path);
-  if (testFile && readFileURL && fs::exists(testFile->filePath(), ec)) {
-    resumeData = readFile(readFileURL->filePath());
-    if (target != path && resumeData != readFile(testFile->filePath())) resumeData.reset();
-  }
+  std::optional<Bytes> resumeData = VKQResumeDataStore::load(path, target);
 
   auto destination = [target](const URL&, std::shared_ptr<const vkq::platform::HTTPResponse>) {
     return URL::fileURLWithPath(target, false);
@@ -460,9 +421,9 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
   auto completion = [this, slot, path, target](std::shared_ptr<const vkq::platform::HTTPResponse>,
                                                std::optional<URL> file, ErrorPtr taskError) {
     if (!taskError) {
-      removeResumeData(path, target);
+      VKQResumeDataStore::remove(path, target);
     } else if (taskError->userInfo().resumeData) {
-      storeResumeData(path, target, *taskError->userInfo().resumeData);
+      VKQResumeDataStore::store(path, target, *taskError->userInfo().resumeData);
     }
     handleRequestResult(slot->lock(), file ? Object(std::move(*file)) : Object(), std::move(taskError));
   };
@@ -481,42 +442,11 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
 }
 
 std::optional<std::string> VKQNetworkAgent::incompleteDownloadTempCacheFolder() const {
-  const char* temporary = std::getenv("TMPDIR");
-  const fs::path folder = fs::path(temporary != nullptr && *temporary != '\0' ? temporary : "/tmp") / "Incomplete";
-  std::error_code ec;
-  fs::create_directories(folder, ec);
-  if (ec || !fs::is_directory(folder, ec)) {
-    DDDebug("Failed to create cache directory at", folder.string());
-    return std::nullopt;
-  }
-  return folder.string();
+  return VKQResumeDataStore::folder();
 }
 
 std::optional<URL> VKQNetworkAgent::incompleteDownloadTempPathForDownloadPath(std::string_view path) const {
-  const auto folder = incompleteDownloadTempCacheFolder();
-  if (!folder) return std::nullopt;
-  return URL::fileURLWithPath((fs::path(*folder) / md5StringFromString(path)).string());
-}
-
-void VKQNetworkAgent::storeResumeData(const std::string& downloadPath, const std::string& targetPath,
-                                      const Bytes& resumeData) const {
-  for (const std::string& name : {targetPath, downloadPath}) {
-    if (const auto file = incompleteDownloadTempPathForDownloadPath(name)) writeFileAtomically(file->filePath(), resumeData);
-    if (targetPath == downloadPath) break;
-  }
-}
-
-void VKQNetworkAgent::removeResumeData(const std::string& downloadPath, const std::string& targetPath) const {
-  const auto targetFile = incompleteDownloadTempPathForDownloadPath(targetPath);
-  if (!targetFile) return;
-  std::error_code ec;
-  if (targetPath != downloadPath) {
-    // The folder's file is this download's only while it holds the same data.
-    const auto folderFile = incompleteDownloadTempPathForDownloadPath(downloadPath);
-    const auto ours = readFile(targetFile->filePath());
-    if (folderFile && ours && readFile(folderFile->filePath()) == ours) fs::remove(folderFile->filePath(), ec);
-  }
-  fs::remove(targetFile->filePath(), ec);
+  return VKQResumeDataStore::fileForName(path);
 }
 
 bool VKQNetworkAgent::validateResumeData(const std::optional<Bytes>& data) {
@@ -545,6 +475,7 @@ std::string VKQNetworkAgent::md5StringFromString(std::string_view string) {
   }
   return hex;
 }
+
 
 // ---- Debug log ----
 

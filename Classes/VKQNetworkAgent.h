@@ -18,9 +18,10 @@
 // running request from just before its task is resumed until its callbacks have run.
 //
 // Downloads: a JSON GET request with a resumableDownloadPath is run as a file
-// download. Resume data of an interrupted download (failed or cancelled) is kept in the
-// folder "Incomplete" under the temporary directory, in a file named by the MD5 of the
-// download path, and the next download of the same path continues from it.
+// download. Resume data of an interrupted download (failed or cancelled) is kept by
+// VKQResumeDataStore (the folder "Incomplete" under the temporary directory, a file
+// named by the MD5 of the download path), and the next download of the same path
+// continues from it.
 #pragma once
 
 #include <cstddef>
@@ -171,11 +172,6 @@ class VKQNetworkAgent {
   // cleared.
   void deliverResult(std::uint64_t taskIdentifier, const std::shared_ptr<VKQVeskRequest>& request,
                      const std::shared_ptr<VKQVeskResult>& result);
-  // Stores resume data under the names a later download of `downloadPath` (with
-  // target `targetPath`) tests and reads.
-  void storeResumeData(const std::string& downloadPath, const std::string& targetPath,
-                       const vkq::platform::Bytes& resumeData) const;
-  void removeResumeData(const std::string& downloadPath, const std::string& targetPath) const;
 
   std::shared_ptr<vkq::platform::HTTPSessionManager> manager_;
   std::once_flag jsonResponseSerializerOnce_;

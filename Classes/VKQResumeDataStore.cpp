@@ -1,0 +1,97 @@
+#include "Classes/VKQResumeDataStore.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "Classes/VKQNetworkAgent.h"
+#include "Platform/Log.h"
+
+namespace fs = std::filesystem;
+using vkq::platform::Bytes;
+using vkq::platform::URL;
+
+namespace {
+
+std::optional<Bytes> readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  Bytes bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  if (in.bad()) return std::nullopt;
+  return bytes;
+}
+
+std::optional<Bytes> readFile(const std::optional<URL>& file) {
+  return file ? readFile(file->filePath()) : std::nullopt;
+}
+
+// Writes beside the file, then renames.
+void writeFileAtomically(const fs::path& path, const Bytes& bytes) {
+  fs::path partial = path;
+  partial += ".partial";
+  {
+    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!out) {
+      DDDebug("Failed to store resume data at", partial.string());
+      return;
+    }
+  }
+  std::error_code ec;
+  fs::rename(partial, path, ec);
+  if (ec) {
+    DDDebug("Failed to store resume data at", path.string());
+    fs::remove(partial, ec);
+  }
+}
+
+}  // namespace
+
+std::optional<std::string> VKQResumeDataStore::folder() {
+  const char* temporary = std::getenv("TMPDIR");
+  const fs::path folder = fs::path(temporary != nullptr && *temporary != '\0' ? temporary : "/tmp") / "Incomplete";
+  std::error_code ec;
+  fs::create_directories(folder, ec);
+  if (ec || !fs::is_directory(folder, ec)) {
+    DDDebug("Failed to create cache directory at", folder.string());
+    return std::nullopt;
+  }
+  return folder.string();
+}
+
+std::optional<URL> VKQResumeDataStore::fileForName(std::string_view name) {
+  const auto cache = folder();
+  if (!cache) return std::nullopt;
+  return URL::fileURLWithPath((fs::path(*cache) / VKQNetworkAgent::md5StringFromString(name)).string());
+}
+
+std::optional<Bytes> VKQResumeDataStore::load(const std::string& downloadPath, const std::string& targetPath) {
+  const auto targetFile = fileForName(targetPath);
+  std::error_code ec;
+  if (!targetFile || !fs::exists(targetFile->filePath(), ec)) return std::nullopt;
+  std::optional<Bytes> data = readFile(fileForName(downloadPath));
+  if (targetPath != downloadPath && data != readFile(targetFile)) return std::nullopt;
+  return data;
+}
+
+void VKQResumeDataStore::store(const std::string& downloadPath, const std::string& targetPath,
+                               const Bytes& resumeData) {
+  for (const std::string& name : {targetPath, downloadPath}) {
+    if (const auto file = fileForName(name)) writeFileAtomically(file->filePath(), resumeData);
+    if (targetPath == downloadPath) break;
+  }
+}
+
+void VKQResumeDataStore::remove(const std::string& downloadPath, const std::string& targetPath) {
+  const auto targetFile = fileForName(targetPath);
+  if (!targetFile) return;
+  std::error_code ec;
+  if (targetPath != downloadPath) {
+    // The folder's file is this download's only while it holds the same data.
+    const auto folderFile = fileForName(downloadPath);
+    const auto ours = readFile(targetFile);
+    if (folderFile && ours && readFile(folderFile) == ours) fs::remove(folderFile->filePath(), ec);
+  }
+  fs::remove(targetFile->filePath(), ec);
+}

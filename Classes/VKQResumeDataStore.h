@@ -1,0 +1,38 @@
+// Where the agent keeps the resume data of interrupted downloads: one file per name in
+// the folder "Incomplete" under the temporary directory (TMPDIR, default /tmp), named
+// by the MD5 of the name.
+//
+// A download into a folder has two names: the folder (the download path the
+// application gave) and the file inside it (the target). Its resume data is stored
+// under both; a later download finds it under the target and reads it from the
+// folder's name, and takes it only while both hold the same data, since the folder's
+// file may belong to another download into that folder.
+//
+// Files are written beside their place and renamed, so a reader never sees half of
+// one. Stateless; safe from any thread (concurrent writers of one name: the last
+// rename wins).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Bytes.h"
+#include "Platform/URL.h"
+
+class VKQResumeDataStore {
+ public:
+  // The folder, created on every call; absent, after logging "Failed to create cache
+  // directory at", when it can't be.
+  static std::optional<std::string> folder();
+  // The file for a name: its MD5 (VKQNetworkAgent::md5StringFromString) in the folder.
+  // Absent when the folder is.
+  static std::optional<vkq::platform::URL> fileForName(std::string_view name);
+
+  // The resume data stored for a download of `downloadPath` into `targetPath` (equal
+  // for a download into a file); absent when there is none.
+  static std::optional<vkq::platform::Bytes> load(const std::string& downloadPath, const std::string& targetPath);
+  static void store(const std::string& downloadPath, const std::string& targetPath,
+                    const vkq::platform::Bytes& resumeData);
+  static void remove(const std::string& downloadPath, const std::string& targetPath);
+};
