@@ -79,8 +79,10 @@ TEST(Log, RendersEachPieceIncludingAbsentObjects) {
   LogCapture capture;
   const std::shared_ptr<const Error> noError;
   const char* noText = nullptr;
-  DDDebug("request faild", 42, -7L, true, 'c', URL::URLWithString("http://h/x"), std::optional<URL>(), noError,
-          noText, nullptr, std::string("s"), makeError("d", 1));
+  const std::optional<URL> url = URL::URLWithString("http://h/x");
+  const std::optional<URL> noURL;
+  DDDebug("request faild", 42, -7L, true, 'c', url, noURL, noError, noText, nullptr, std::string("s"),
+          makeError("d", 1));
   const LogEntry expected{"request faild", "42", "-7", "1", "c", "http://h/x", "(null)", "(null)", "(null)",
                           "(null)", "s", "Error Domain=d Code=1 \"The operation couldn't be completed. (d error 1.)\""};
   EXPECT_EQ(capture.entries, std::vector<LogEntry>{expected});
