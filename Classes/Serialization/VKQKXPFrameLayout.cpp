@@ -115,8 +115,9 @@ void appendRequestHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings&
   if (hasOSType(settings)) appendField(frame, kOSType);
   appendField(frame, static_cast<std::uint32_t>(payload.size()));
   appendField(frame, crcOf(payload));
-  if (const auto crc = packageCRC(settings)) appendField(frame, *crc);
-  if (const auto crc = releaseCRC(settings)) appendField(frame, *crc);
+  // Checked here first: the fields are rare, and a frame is built per request.
+  if (hasPackageCRC(settings)) appendField(frame, *packageCRC(settings));
+  if (hasReleaseCRC(settings)) appendField(frame, *releaseCRC(settings));
 }
 
 void appendResponseHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
