@@ -45,7 +45,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   // the server may give up on it meanwhile. No effect on a task in any other state.
   void suspend();
   // Stops the task: its completion handler runs with kURLErrorCancelled, unless the
-  // exchange had already finished. A suspended task is cancelled without being sent.
+  // exchange had already finished. A task never resumed is cancelled without being sent.
   // No effect on a task that is being cancelled or has completed.
   void cancel();
 
