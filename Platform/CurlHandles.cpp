@@ -55,18 +55,20 @@ void EasyHandle::suppressHeader(std::string_view name) {
 
 void EasyHandle::applyHeaders() {
   if (pendingLines_ == installedLines_) return;
-  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(nullptr, &curl_slist_free_all);
+  curl_slist* list = nullptr;
   for (std::size_t at = 0; at < pendingLines_.size();) {
     const char* line = pendingLines_.c_str() + at;  // NUL-terminated by its separator
-    curl_slist* extended = curl_slist_append(list.get(), line);
-    if (extended == nullptr) throw std::bad_alloc();
-    list.release();
-    list.reset(extended);
+    curl_slist* extended = curl_slist_append(list, line);  // the same head, or null
+    if (extended == nullptr) {
+      curl_slist_free_all(list);
+      throw std::bad_alloc();
+    }
+    list = extended;
     at += std::char_traits<char>::length(line) + 1;
   }
-  curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, list.get());
+  curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, list);
   curl_slist_free_all(headers_);
-  headers_ = list.release();
+  headers_ = list;
   installedLines_.swap(pendingLines_);
 }
 
