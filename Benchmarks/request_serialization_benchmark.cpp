@@ -59,9 +59,7 @@ void BM_JSONAnswer(benchmark::State& state) {
   JSON items = JSON::array();
   for (int i = 0; i < state.range(0); ++i) items.push_back(apiParameters());
   const Object body(bytesFromString(items.dump()));
-  HTTPResponse response;
-  response.statusCode = 200;
-  response.allHeaderFields.set("Content-Type", "application/json; charset=utf-8");
+  const HTTPResponse response(std::nullopt, 200, {{"Content-Type", "application/json; charset=utf-8"}});
   const JSONResponseSerializer serializer;
   for (auto _ : state) benchmark::DoNotOptimize(serializer.responseObjectForResponse(&response, body, nullptr));
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * body.data()->size()));

@@ -59,7 +59,7 @@ std::optional<URLRequest> VKQVeskRequest::originalRequest() const {
 std::optional<HTTPHeaders> VKQVeskRequest::responseHeaders() const {
   std::shared_ptr<const HTTPResponse> head = response();
   if (!head) return std::nullopt;
-  return head->allHeaderFields;
+  return head->allHeaderFields();
 }
 
 std::string VKQVeskRequest::description() const {

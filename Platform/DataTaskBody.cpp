@@ -19,12 +19,11 @@ ErrorPtr DataTaskBody::tooLong() const {
                             request_ && request_->url ? request_->url->absoluteString() : std::string());
 }
 
-ErrorPtr DataTaskBody::didReceiveResponse(const HTTPResponse& response) {
+ErrorPtr DataTaskBody::didReceiveResponse(const HTTPResponse&, std::int64_t bodyLength) {
   body_.clear();
-  const std::int64_t announced = response.expectedContentLength();
-  if (announced > 0 && !response.allHeaderFields.contains("Content-Encoding")) {
-    if (static_cast<std::uint64_t>(announced) > limit_) return tooLong();
-    body_.reserve(static_cast<std::size_t>(announced));
+  if (bodyLength > 0) {
+    if (static_cast<std::uint64_t>(bodyLength) > limit_) return tooLong();
+    body_.reserve(static_cast<std::size_t>(bodyLength));
   }
   return nullptr;
 }

@@ -18,7 +18,7 @@ class DataTaskBody final : public BodySink {
   DataTaskBody(std::size_t limit, SharedRequest request, std::shared_ptr<ResponseSerializerSlot> serializer,
                HTTPSessionManager::DataTaskCompletion completion);
 
-  ErrorPtr didReceiveResponse(const HTTPResponse& response) override;
+  ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;
   ErrorPtr didReceiveData(const char* data, std::size_t length) override;
   ErrorPtr didFinish(ErrorPtr error, bool cancelled) override;
   std::int64_t length() const override { return static_cast<std::int64_t>(body_.size()); }

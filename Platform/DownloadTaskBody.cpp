@@ -21,15 +21,15 @@ constexpr std::size_t kFileBufferSize = 512 * 1024;
 
 // The validator If-Range may carry: a strong ETag, else Last-Modified.
 std::string validatorOf(const HTTPResponse& response) {
-  if (const auto etag = response.allHeaderFields.value("ETag"); etag && !etag->empty() && !etag->starts_with("W/")) {
+  if (const auto etag = response.allHeaderFields().value("ETag"); etag && !etag->empty() && !etag->starts_with("W/")) {
     return *etag;
   }
-  return response.allHeaderFields.value("Last-Modified").value_or("");
+  return response.allHeaderFields().value("Last-Modified").value_or("");
 }
 
 // The first byte position of "Content-Range: bytes first-last/size", or absent.
 std::optional<std::int64_t> rangeStart(const HTTPResponse& response) {
-  const auto header = response.allHeaderFields.value("Content-Range");
+  const auto header = response.allHeaderFields().value("Content-Range");
   constexpr std::string_view prefix = "bytes ";
   if (!header || !header->starts_with(prefix)) return std::nullopt;
   std::int64_t first = -1;
@@ -128,7 +128,7 @@ ErrorPtr DownloadTaskBody::willSend(SharedRequest& request) {
   return nullptr;
 }
 
-ErrorPtr DownloadTaskBody::didReceiveResponse(const HTTPResponse& response) {
+ErrorPtr DownloadTaskBody::didReceiveResponse(const HTTPResponse& response, std::int64_t) {
   status_ = response.statusCode;
   if (rangeSent_ && status_ == 416) {
     // Nothing left to send from our offset (or the server disagrees about the size):

@@ -49,7 +49,7 @@ class DownloadTaskBody final : public BodySink {
   bool requestResumeData(ResumeDataHandler handler);
 
   ErrorPtr willSend(SharedRequest& request) override;
-  ErrorPtr didReceiveResponse(const HTTPResponse& response) override;
+  ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;
   ErrorPtr didReceiveData(const char* data, std::size_t length) override;
   bool shouldRestart() override;
   ErrorPtr didFinish(ErrorPtr error, bool cancelled) override;

@@ -14,7 +14,7 @@
 
 namespace vkq::platform {
 
-struct HTTPResponse;
+class HTTPResponse;
 
 // Domain of transport failures (connection, time-out, cancellation, bad status).
 inline constexpr const char* kURLErrorDomain = "vkq.platform.url";

@@ -11,6 +11,22 @@ bool sameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
 }
 
+bool isHeaderSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && isHeaderSpace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isHeaderSpace(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// Takes the next line off `lines` (without its line break).
+std::string_view nextLine(std::string_view& lines) {
+  const auto end = lines.find('\n');
+  const std::string_view line = lines.substr(0, end);
+  lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+  return line;
+}
+
 // A dictionary description quotes a string unless it is made of letters, digits
 // and "_", "." or "/" only.
 std::string quotedIfNeeded(std::string_view text) {
@@ -37,6 +53,30 @@ std::string quotedIfNeeded(std::string_view text) {
 
 HTTPHeaders::HTTPHeaders(std::initializer_list<Field> fields) {
   for (const auto& [name, value] : fields) set(name, value);
+}
+
+HTTPHeaders HTTPHeaders::fromFieldLines(std::string_view lines) {
+  HTTPHeaders headers;
+  headers.reserve(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')));
+  while (!lines.empty()) {
+    const std::string_view line = trim(nextLine(lines));
+    const auto colon = line.find(':');
+    if (colon != std::string_view::npos && colon > 0) headers.append(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
+  }
+  return headers;
+}
+
+std::optional<std::string_view> HTTPHeaders::firstValueInFieldLines(std::string_view lines, std::string_view name) {
+  // Reads as fromFieldLines() does, but looks only at lines that start with the name.
+  while (!lines.empty()) {
+    std::string_view line = nextLine(lines);
+    while (!line.empty() && isHeaderSpace(line.front())) line.remove_prefix(1);
+    if (line.size() <= name.size() || !sameName(line.substr(0, name.size()), name)) continue;
+    line.remove_prefix(name.size());
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+    if (!line.empty() && line.front() == ':') return trim(line.substr(1));
+  }
+  return std::nullopt;
 }
 
 std::optional<std::string> HTTPHeaders::value(std::string_view name) const {

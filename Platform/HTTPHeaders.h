@@ -17,6 +17,14 @@ class HTTPHeaders {
   HTTPHeaders() = default;
   HTTPHeaders(std::initializer_list<Field> fields);
 
+  // The fields of an answer's header lines ("Name: value", each ended by a line break);
+  // a field sent more than once reads as one (see append()), lines without a name are
+  // skipped.
+  static HTTPHeaders fromFieldLines(std::string_view lines);
+  // The value of the first line of field `name` in such lines, trimmed; absent when
+  // no line has it.
+  static std::optional<std::string_view> firstValueInFieldLines(std::string_view lines, std::string_view name);
+
   std::optional<std::string> value(std::string_view name) const;
   // The field's value without a copy, or null when absent; valid until the fields
   // change.

@@ -16,8 +16,53 @@ std::string_view trimmed(std::string_view text) {
 
 }  // namespace
 
+HTTPResponse::HTTPResponse(std::optional<URL> url, int statusCode, HTTPHeaders allHeaderFields)
+    : url(std::move(url)), statusCode(statusCode), fields_(std::move(allHeaderFields)) {}
+
+HTTPResponse::HTTPResponse(const HTTPResponse& other)
+    : url(other.url), statusCode(other.statusCode), fields_(other.allHeaderFields()) {}
+
+HTTPResponse& HTTPResponse::operator=(const HTTPResponse& other) {
+  if (this != &other) {
+    url = other.url;
+    statusCode = other.statusCode;
+    setAllHeaderFields(other.allHeaderFields());
+  }
+  return *this;
+}
+
+std::shared_ptr<HTTPResponse> HTTPResponse::withFieldLines(std::optional<URL> url, int statusCode,
+                                                           std::string fieldLines) {
+  auto response = std::make_shared<HTTPResponse>();
+  response->url = std::move(url);
+  response->statusCode = statusCode;
+  response->fieldLines_ = std::move(fieldLines);
+  return response;
+}
+
+const HTTPHeaders& HTTPResponse::allHeaderFields() const {
+  std::call_once(parsed_, [this] {
+    if (!fieldLines_.empty()) fields_ = HTTPHeaders::fromFieldLines(fieldLines_);
+  });
+  return fields_;
+}
+
+void HTTPResponse::setAllHeaderFields(HTTPHeaders fields) {
+  allHeaderFields();  // the lines are replaced too, parsed or not
+  fieldLines_.clear();
+  fields_ = std::move(fields);
+}
+
+std::optional<std::string_view> HTTPResponse::firstValue(std::string_view name) const {
+  // The lines never change once made, so they can be read while another thread parses.
+  if (!fieldLines_.empty()) return HTTPHeaders::firstValueInFieldLines(fieldLines_, name);
+  const std::string* found = allHeaderFields().find(name);
+  if (!found) return std::nullopt;
+  return std::string_view(*found);
+}
+
 std::optional<std::string> HTTPResponse::MIMEType() const {
-  const std::string* contentType = allHeaderFields.find("Content-Type");
+  const std::string* contentType = allHeaderFields().find("Content-Type");
   if (!contentType) return std::nullopt;
   const std::string_view type = trimmed(std::string_view(*contentType).substr(0, contentType->find(';')));
   if (type.empty()) return std::nullopt;
@@ -29,7 +74,7 @@ std::optional<std::string> HTTPResponse::MIMEType() const {
 }
 
 std::int64_t HTTPResponse::expectedContentLength() const {
-  const std::string* header = allHeaderFields.find("Content-Length");
+  const std::optional<std::string_view> header = firstValue("Content-Length");
   if (!header) return -1;
   const std::string_view text = trimmed(*header);
   std::int64_t length = -1;
@@ -38,9 +83,14 @@ std::int64_t HTTPResponse::expectedContentLength() const {
   return length;
 }
 
+bool HTTPResponse::isContentEncoded() const {
+  const std::optional<std::string_view> encoding = firstValue("Content-Encoding");
+  return encoding && !encoding->empty() && *encoding != "identity";
+}
+
 std::string HTTPResponse::description() const {
   return "<HTTPResponse> { URL: " + (url ? url->absoluteString() : std::string("(null)")) +
-         " } { Status Code: " + std::to_string(statusCode) + ", Headers " + allHeaderFields.description() + " }";
+         " } { Status Code: " + std::to_string(statusCode) + ", Headers " + allHeaderFields().description() + " }";
 }
 
 std::string HTTPResponse::localizedStringForStatusCode(int statusCode) {

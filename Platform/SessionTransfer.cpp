@@ -13,19 +13,13 @@ using Clock = TransferWorker::Clock;
 constexpr auto kProgressInterval = std::chrono::milliseconds(50);
 constexpr std::int64_t kProgressStep = std::int64_t{1} << 20;
 constexpr long kMaximumRedirects = 16;
-constexpr std::size_t kTypicalHeaderFields = 8;
+// Room for the header lines of a typical answer, so that they are gathered without
+// reallocating.
+constexpr std::size_t kTypicalHeaderBytes = 512;
 
 std::uint64_t nextTaskIdentifier() {
   static std::atomic<std::uint64_t> counter{0};
   return counter.fetch_add(1, std::memory_order_relaxed) + 1;
-}
-
-bool isHeaderSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && isHeaderSpace(text.front())) text.remove_prefix(1);
-  while (!text.empty() && isHeaderSpace(text.back())) text.remove_suffix(1);
-  return text;
 }
 
 // The first header field that must not be sent, or absent.
@@ -36,11 +30,6 @@ std::optional<std::string> unsafeHeaderField(const HTTPHeaders& fields) {
     }
   }
   return std::nullopt;
-}
-
-bool isContentEncoded(const HTTPResponse& response) {
-  const std::string* encoding = response.allHeaderFields.find("Content-Encoding");
-  return encoding && !encoding->empty() && *encoding != "identity";
 }
 
 }  // namespace
@@ -145,7 +134,7 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
       record_->currentRequest = request;
     }
     sent_ = std::move(request);
-    headerFields_ = HTTPHeaders();
+    fieldLines_.clear();
     response_.reset();
     abortError_.reset();
     expectedLength_ = -1;
@@ -210,7 +199,7 @@ void SessionTransfer::configure(const URLRequest& request) {
 
   for (const auto& [name, value] : request.allHTTPHeaderFields) easy_->addHeader(name, value);
   // libcurl would hold bodies over 1 MiB back for a "100 Continue" first.
-  if (!request.allHTTPHeaderFields.contains("Expect")) easy_->suppressHeader("Expect");
+  if (request.HTTPBody && !request.allHTTPHeaderFields.contains("Expect")) easy_->suppressHeader("Expect");
   easy_->applyHeaders();
 
   idleTimeout = request.timeoutInterval > 0
@@ -238,15 +227,13 @@ int SessionTransfer::onProgress(void* self, curl_off_t, curl_off_t, curl_off_t u
 std::size_t SessionTransfer::receiveHeader(std::string_view line) {
   lastActivity = Clock::now();
   if (response_) return line.size();  // trailers of the final answer
-  const std::string_view text = trim(line);
-  if (text.starts_with("HTTP/")) {
-    // An answer starts: drop the fields of an interim answer or a redirect that came
-    // before, and make room for the handful an answer has.
-    headerFields_ = HTTPHeaders();
-    headerFields_.reserve(kTypicalHeaderFields);
-  } else if (const auto colon = text.find(':'); colon != std::string_view::npos && colon > 0) {
-    const std::string_view name = trim(text.substr(0, colon));
-    headerFields_.append(name, trim(text.substr(colon + 1)));
+  if (line.starts_with("HTTP/")) {
+    // An answer starts: drop the lines of an interim answer or a redirect that came
+    // before. The lines are parsed only if someone reads the fields.
+    fieldLines_.clear();
+    fieldLines_.reserve(kTypicalHeaderBytes);
+  } else {
+    fieldLines_.append(line);
   }
   return line.size();
 }
@@ -260,20 +247,21 @@ ErrorPtr SessionTransfer::takeResponse() {
   curl_off_t contentLength = -1;
   curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
 
-  auto response = std::make_shared<HTTPResponse>();
+  std::optional<URL> url;
   if (effectiveURL != nullptr && effectiveURL == sent_->url->absoluteString()) {
-    response->url = sent_->url;  // no redirect: the URL sent, already parsed
+    url = sent_->url;  // no redirect: the URL sent, already parsed
   } else if (effectiveURL != nullptr) {
-    response->url = URL::URLWithString(effectiveURL);
+    url = URL::URLWithString(effectiveURL);
   }
-  response->statusCode = static_cast<int>(status);
-  response->allHeaderFields = std::move(headerFields_);
+  auto response = HTTPResponse::withFieldLines(std::move(url), static_cast<int>(status), std::move(fieldLines_));
+  fieldLines_.clear();  // a moved-from string holds nothing specified
   response_ = response;
 
-  ErrorPtr error = sink_->didReceiveResponse(*response);
-  const std::int64_t held = sink_->length();
   // A decoded body has another length than the one announced.
-  expectedLength_ = contentLength >= 0 && !isContentEncoded(*response) ? held + contentLength : -1;
+  const std::int64_t bodyLength = contentLength >= 0 && !response->isContentEncoded() ? contentLength : -1;
+  ErrorPtr error = sink_->didReceiveResponse(*response, bodyLength);
+  const std::int64_t held = sink_->length();
+  expectedLength_ = bodyLength >= 0 ? held + bodyLength : -1;
   std::lock_guard lock(record_->mutex);
   record_->response = response_;
   if (record_->currentRequest && response->url && record_->currentRequest->url != response->url) {

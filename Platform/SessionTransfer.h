@@ -67,9 +67,10 @@ class BodySink {
     (void)request;
     return nullptr;
   }
-  // The head of the final answer, before its first body byte. An error stops the
+  // The head of the final answer, before its first body byte; `bodyLength` is the
+  // length of the (decoded) body to come, or -1 when unknown. An error stops the
   // exchange and becomes its outcome.
-  virtual ErrorPtr didReceiveResponse(const HTTPResponse& response) = 0;
+  virtual ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) = 0;
   virtual ErrorPtr didReceiveData(const char* data, std::size_t length) = 0;
   // After an exchange that ended without a transport error: true to send the request
   // again from scratch.
@@ -157,7 +158,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   // Worker thread (or the cancelling thread of a task that never started).
   EasyHandle* easy_ = nullptr;  // the worker's, lent from start() until end() returns
   SharedRequest sent_;
-  HTTPHeaders headerFields_;
+  std::string fieldLines_;  // the header lines of the answer coming in
   std::shared_ptr<const HTTPResponse> response_;
   ErrorPtr abortError_;
   std::int64_t expectedLength_ = -1;

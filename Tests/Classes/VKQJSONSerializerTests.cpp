@@ -135,7 +135,7 @@ class RecordedRequest : public VKQVesk {
  public:
   RecordedRequest(int status, const std::string& contentType, const std::string& body) {
     head_->statusCode = status;
-    if (!contentType.empty()) head_->allHeaderFields.set("Content-Type", contentType);
+    if (!contentType.empty()) head_->setAllHeaderFields({{"Content-Type", contentType}});
     setResponseData(Object(vkq::platform::bytesFromString(body)));
   }
   std::shared_ptr<const vkq::platform::HTTPResponse> response() const override { return head_; }

@@ -7,9 +7,9 @@ namespace {
 
 // An answer from https://h/api; a null type sends no Content-Type.
 HTTPResponse answer(int status, const char* contentType = "application/json") {
-  HTTPResponse response{URL::URLWithString("https://h/api"), status, {}};
-  if (contentType) response.allHeaderFields.set("Content-Type", contentType);
-  return response;
+  HTTPHeaders fields;
+  if (contentType) fields.set("Content-Type", contentType);
+  return HTTPResponse(URL::URLWithString("https://h/api"), status, std::move(fields));
 }
 
 TEST(ResponseSerializer, StatusesOutside2xxFailWithTheirReasonPhrase) {
