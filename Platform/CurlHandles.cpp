@@ -15,6 +15,10 @@ EasyHandle::EasyHandle() {
   handle_ = curl_easy_init();
   if (handle_ == nullptr) throw std::bad_alloc();
   curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorBuffer_);
+  curl_easy_setopt(handle_, CURLOPT_PRIVATE, this);
+  curl_easy_setopt(handle_, CURLOPT_HEADERDATA, this);
+  curl_easy_setopt(handle_, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(handle_, CURLOPT_XFERINFODATA, this);
 }
 
 EasyHandle::~EasyHandle() {
@@ -34,8 +38,37 @@ void EasyHandle::setURL(const std::string& url) {
 }
 
 void EasyHandle::setReceiveBufferSize(long bytes) {
+  if (bytes == receiveBufferSize_) return;
   curl_easy_setopt(handle_, CURLOPT_BUFFERSIZE, bytes);
+  receiveBufferSize_ = bytes;
   if (bytes > CURL_MAX_WRITE_SIZE) largeReceiveBuffer_ = true;
+}
+
+void EasyHandle::setMethod(const std::string& method, const Bytes* body) {
+  const bool plainGet = body == nullptr && method == "GET";
+  if (plainGet && plainGet_) return;
+  plainGet_ = plainGet;
+  // First back to a GET without a body (HTTPGET after POSTFIELDS, which switches to
+  // POST), then what the request asks for.
+  curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, nullptr);
+  curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{-1});
+  curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, nullptr);
+  curl_easy_setopt(handle_, CURLOPT_NOPROGRESS, 1L);
+  curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
+  if (body) {
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, reinterpret_cast<const char*>(body->data()));
+    if (method != "POST") curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, method.c_str());
+    // Upload progress also counts as activity for the idle time-out.
+    curl_easy_setopt(handle_, CURLOPT_NOPROGRESS, 0L);
+  } else if (method == "HEAD") {
+    curl_easy_setopt(handle_, CURLOPT_NOBODY, 1L);
+  } else if (method == "POST") {
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE, 0L);
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, "");
+  } else if (method != "GET") {
+    curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
 }
 
 void EasyHandle::addHeader(std::string_view name, std::string_view value) {

@@ -2,8 +2,10 @@
 //
 // An EasyHandle owns the easy handle together with its request header list and its
 // error buffer, so the three live and die together; reuse() readies it for another
-// exchange. A header list equal to the previous exchange's is kept rather than built
-// again, so a session that sends the same fields each time builds it once per handle.
+// exchange. Options equal to the previous exchange's are not set again: a header list
+// is built once per handle while the fields repeat, and a GET after a GET sets no
+// method. The data pointer of every callback, and CURLINFO_PRIVATE, is the EasyHandle:
+// its owner() says whom it works for, one field to change per exchange.
 // Not thread-safe: a handle is used by one thread at a time.
 #pragma once
 
@@ -12,6 +14,8 @@
 #include <string_view>
 
 #include <curl/curl.h>
+
+#include "Platform/Bytes.h"
 
 namespace vkq::platform {
 
@@ -37,6 +41,12 @@ class EasyHandle {
   void setURL(const std::string& url);
   // Sets libcurl's receive buffer size (CURLOPT_BUFFERSIZE) for the next exchange.
   void setReceiveBufferSize(long bytes);
+  // Sets the method and the body (null: none) of the next exchange. The body is not
+  // copied: it must outlive the exchange.
+  void setMethod(const std::string& method, const Bytes* body);
+  // The user of the handle for the exchange, for its callbacks; null when idle.
+  void setOwner(void* owner) { owner_ = owner; }
+  void* owner() const { return owner_; }
   // True once the receive buffer was set larger than libcurl's default.
   bool hasLargeReceiveBuffer() const { return largeReceiveBuffer_; }
   // Appends "Name: value" to the header list sent with the request.
@@ -57,6 +67,9 @@ class EasyHandle {
   std::string installedLines_;
   std::string pendingLines_;
   char errorBuffer_[CURL_ERROR_SIZE] = {};
+  void* owner_ = nullptr;
+  long receiveBufferSize_ = 0;  // 0: libcurl's default, never set
+  bool plainGet_ = false;       // the method set is a GET without a body
   bool largeReceiveBuffer_ = false;
 };
 

@@ -71,7 +71,11 @@ std::optional<std::string_view> HTTPHeaders::firstValueInFieldLines(std::string_
   while (!lines.empty()) {
     std::string_view line = nextLine(lines);
     while (!line.empty() && isHeaderSpace(line.front())) line.remove_prefix(1);
-    if (line.size() <= name.size() || !sameName(line.substr(0, name.size()), name)) continue;
+    // The name's last letter first: names of one family ("Content-") share the start.
+    if (name.empty() || line.size() <= name.size() || lower(line[name.size() - 1]) != lower(name.back()) ||
+        !sameName(line.substr(0, name.size()), name)) {
+      continue;
+    }
     line.remove_prefix(name.size());
     while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
     if (!line.empty() && line.front() == ':') return trim(line.substr(1));

@@ -167,35 +167,9 @@ void SessionTransfer::prepareHandle(EasyHandle& easy, CURLSH* share) {
 void SessionTransfer::configure(const URLRequest& request) {
   // Sets every option prepareHandle() leaves out, so that nothing of an earlier
   // exchange on the same handle stays.
-  CURL* handle = easy_->get();
   easy_->setURL(request.url->absoluteString());
   easy_->setReceiveBufferSize(receiveBufferSize_ > 0 ? receiveBufferSize_ : CURL_MAX_WRITE_SIZE);
-  curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
-
-  // The method and body: first back to a GET without a body (HTTPGET after
-  // POSTFIELDS, which switches to POST), then what the request asks for.
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDS, nullptr);
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{-1});
-  curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, nullptr);
-  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
-  curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
-  const std::string& method = request.HTTPMethod;
-  if (request.HTTPBody) {
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.HTTPBody->size()));
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, reinterpret_cast<const char*>(request.HTTPBody->data()));
-    if (method != "POST") curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
-    // Upload progress also counts as activity for the idle time-out.
-    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-  } else if (method == "HEAD") {
-    curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
-  } else if (method == "POST") {
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, 0L);
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, "");
-  } else if (method != "GET") {
-    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
-  }
+  easy_->setMethod(request.HTTPMethod, request.HTTPBody ? &*request.HTTPBody : nullptr);
 
   for (const auto& [name, value] : request.allHTTPHeaderFields) easy_->addHeader(name, value);
   // libcurl would hold bodies over 1 MiB back for a "100 Continue" first.
@@ -207,16 +181,20 @@ void SessionTransfer::configure(const URLRequest& request) {
                     : Clock::duration::zero();
 }
 
-std::size_t SessionTransfer::onHeader(char* data, std::size_t size, std::size_t count, void* self) {
-  return static_cast<SessionTransfer*>(self)->receiveHeader(std::string_view(data, size * count));
+SessionTransfer& SessionTransfer::of(void* easy) {
+  return *static_cast<SessionTransfer*>(static_cast<TransferWorker::Transfer*>(static_cast<EasyHandle*>(easy)->owner()));
 }
 
-std::size_t SessionTransfer::onBody(char* data, std::size_t size, std::size_t count, void* self) {
-  return static_cast<SessionTransfer*>(self)->receiveBody(data, size * count);
+std::size_t SessionTransfer::onHeader(char* data, std::size_t size, std::size_t count, void* easy) {
+  return of(easy).receiveHeader(std::string_view(data, size * count));
 }
 
-int SessionTransfer::onProgress(void* self, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded) {
-  auto* transfer = static_cast<SessionTransfer*>(self);
+std::size_t SessionTransfer::onBody(char* data, std::size_t size, std::size_t count, void* easy) {
+  return of(easy).receiveBody(data, size * count);
+}
+
+int SessionTransfer::onProgress(void* easy, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded) {
+  SessionTransfer* transfer = &of(easy);
   if (uploaded != transfer->uploaded_) {
     transfer->lastActivity = Clock::now();
     transfer->reportUpload(uploaded, uploadTotal > 0 ? uploadTotal : -1, false);

@@ -121,9 +121,11 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   bool end(TransferWorker::EndReason reason, CURLcode code) noexcept override;
 
  private:
-  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
-  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
-  static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded);
+  // The transfer a libcurl callback is for: its data pointer is the EasyHandle.
+  static SessionTransfer& of(void* easy);
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* easy);
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* easy);
+  static int onProgress(void* easy, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded);
 
   // Worker thread.
   void configure(const URLRequest& request);

@@ -93,9 +93,9 @@ void TransferWorker::run() {
     while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
       if (message->msg != CURLMSG_DONE) continue;
       const CURLcode code = message->data.result;  // `message` dies with the removal
-      Transfer* transfer = nullptr;
-      curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
-      if (transfer != nullptr) finish(*transfer, EndReason::Done, code);
+      EasyHandle* easy = nullptr;
+      curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &easy);
+      if (easy != nullptr && easy->owner() != nullptr) finish(*static_cast<Transfer*>(easy->owner()), EndReason::Done, code);
     }
 
     long curlTimeout = -1;
@@ -154,7 +154,7 @@ void TransferWorker::begin(const std::shared_ptr<Transfer>& transfer) {
     return;
   }
   CURL* handle = easy->get();
-  curl_easy_setopt(handle, CURLOPT_PRIVATE, transfer.get());
+  easy->setOwner(static_cast<Transfer*>(transfer.get()));
   transfer->runningSlot_ = running_.size();
   running_.push_back(Running{transfer, std::move(easy)});
   curl_multi_add_handle(multi_.get(), handle);
@@ -182,6 +182,7 @@ void TransferWorker::finish(Transfer& transfer, EndReason reason, CURLcode code)
   transfer.runningSlot_ = Transfer::kNotRunning;
   transfer.paused_ = false;
   const bool again = transfer.end(reason, code);
+  running.easy->setOwner(nullptr);
   keepHandle(std::move(running.easy));
   if (again) begin(running.transfer);
 }

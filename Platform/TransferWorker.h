@@ -120,7 +120,7 @@ class TransferWorker {
     std::unique_ptr<EasyHandle> easy;
   };
   // Worker thread only: the running transfers (each knows its slot, and its easy
-  // handle points back to it through CURLOPT_PRIVATE), and handles ready for reuse
+  // handle's owner is the transfer), and handles ready for reuse
   // (declared after share_, so they go before it).
   std::vector<Running> running_;
   std::vector<std::unique_ptr<EasyHandle>> idleHandles_;
