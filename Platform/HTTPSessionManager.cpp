@@ -32,6 +32,14 @@ void checkPartialFile(const ResumeData& resume) {
   }
 }
 
+// A task of type Task over a new transfer of `request` into `body`.
+template <typename Task>
+std::shared_ptr<Task> makeTask(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<const URLRequest> request,
+                               std::unique_ptr<BodySink> body, SessionTransfer::Options options) {
+  return std::make_shared<Task>(
+      std::make_shared<SessionTransfer>(engine, std::move(request), std::move(body), std::move(options)));
+}
+
 }  // namespace
 
 std::shared_ptr<HTTPSessionManager> HTTPSessionManager::manager() { return std::make_shared<HTTPSessionManager>(); }
@@ -65,26 +73,20 @@ std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(cons
                                                                             ProgressBlock downloadProgress,
                                                                             DataTaskCompletion completionHandler) {
   auto shared = std::make_shared<const URLRequest>(request);
-  auto record = std::make_shared<TaskRecord>(shared);
   auto body = std::make_unique<DataTaskBody>(maximumDataLength(), shared, engine_->responseSerializer(),
                                              std::move(completionHandler));
-  auto transfer = std::make_shared<SessionTransfer>(
-      engine_, record, std::move(shared), std::move(body),
-      SessionTransfer::Options{std::move(uploadProgress), std::move(downloadProgress), 0});
-  return std::make_shared<URLSessionDataTask>(std::move(record), std::move(transfer));
+  return makeTask<URLSessionDataTask>(engine_, std::move(shared), std::move(body),
+                                      {std::move(uploadProgress), std::move(downloadProgress), 0});
 }
 
 std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequest(
     const URLRequest& request, ProgressBlock progress, DownloadDestination destination,
     DownloadTaskCompletion completionHandler) {
-  auto shared = std::make_shared<const URLRequest>(request);
-  auto record = std::make_shared<TaskRecord>(shared);
   auto body = std::make_unique<DownloadTaskBody>(
       partialDownloadsFolder(), request,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
-  auto transfer = std::make_shared<SessionTransfer>(
-      engine_, record, std::move(shared), std::move(body), SessionTransfer::Options{nullptr, std::move(progress), kDownloadBufferSize});
-  return std::make_shared<URLSessionDownloadTask>(std::move(record), std::move(transfer));
+  return makeTask<URLSessionDownloadTask>(engine_, std::make_shared<const URLRequest>(request), std::move(body),
+                                          {nullptr, std::move(progress), kDownloadBufferSize});
 }
 
 std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResumeData(
@@ -99,15 +101,11 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResu
   }
   checkPartialFile(*resume);
 
-  auto shared = std::make_shared<const URLRequest>(std::move(request));
-  auto record = std::make_shared<TaskRecord>(shared);
   auto body = std::make_unique<DownloadTaskBody>(
       *resume,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
-  auto transfer = std::make_shared<SessionTransfer>(
-      engine_, record, std::move(shared), std::move(body),
-      SessionTransfer::Options{nullptr, std::move(progress), kDownloadBufferSize});
-  return std::make_shared<URLSessionDownloadTask>(std::move(record), std::move(transfer));
+  return makeTask<URLSessionDownloadTask>(engine_, std::make_shared<const URLRequest>(std::move(request)),
+                                          std::move(body), {nullptr, std::move(progress), kDownloadBufferSize});
 }
 
 }  // namespace vkq::platform

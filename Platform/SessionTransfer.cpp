@@ -37,11 +37,11 @@ std::optional<std::string> unsafeHeaderField(const HTTPHeaders& fields) {
 TaskRecord::TaskRecord(SharedRequest request)
     : identifier(nextTaskIdentifier()), originalRequest(request), currentRequest(std::move(request)) {}
 
-SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<TaskRecord> record,
-                                 SharedRequest request, std::unique_ptr<BodySink> sink, Options options)
+SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, SharedRequest request,
+                                 std::unique_ptr<BodySink> sink, Options options)
     : engine_(engine),
       outbox_(&engine->outbox()),
-      record_(std::move(record)),
+      record_(request),
       request_(std::move(request)),
       sink_(std::move(sink)),
       hasUploadProgress_(static_cast<bool>(options.uploadProgress)),
@@ -58,39 +58,39 @@ std::string SessionTransfer::failingURL() const {
 
 void SessionTransfer::resume() {
   const auto engine = engine_.lock();  // released after the record's lock
-  std::lock_guard lock(record_->mutex);
-  if (record_->state != URLSessionTaskState::Suspended) return;
+  std::lock_guard lock(record_.mutex);
+  if (record_.state != URLSessionTaskState::Suspended) return;
   if (!engine) {
-    record_->state = URLSessionTaskState::Completed;
-    record_->error = makeTransportError(kURLErrorCancelled, "cancelled", failingURL());
+    record_.state = URLSessionTaskState::Completed;
+    record_.error = makeTransportError(kURLErrorCancelled, "cancelled", failingURL());
     return;
   }
-  record_->state = URLSessionTaskState::Running;
+  record_.state = URLSessionTaskState::Running;
   // Queued under the lock so that a concurrent cancel() or suspend() reaches the worker
   // after it.
-  if (record_->started) {
+  if (record_.started) {
     engine->worker().unpause(shared_from_this());
   } else {
-    record_->started = true;
+    record_.started = true;
     engine->worker().add(shared_from_this());
   }
 }
 
 void SessionTransfer::suspend() {
   const auto engine = engine_.lock();  // released after the record's lock
-  std::lock_guard lock(record_->mutex);
-  if (record_->state != URLSessionTaskState::Running || !engine) return;
-  record_->state = URLSessionTaskState::Suspended;
+  std::lock_guard lock(record_.mutex);
+  if (record_.state != URLSessionTaskState::Running || !engine) return;
+  record_.state = URLSessionTaskState::Suspended;
   engine->worker().pause(shared_from_this());
 }
 
 void SessionTransfer::cancel() {
   const auto engine = engine_.lock();  // released after the record's lock
-  std::unique_lock lock(record_->mutex);
-  const URLSessionTaskState state = record_->state;
+  std::unique_lock lock(record_.mutex);
+  const URLSessionTaskState state = record_.state;
   if (state != URLSessionTaskState::Suspended && state != URLSessionTaskState::Running) return;
-  record_->state = URLSessionTaskState::Canceling;
-  if (record_->started) {
+  record_.state = URLSessionTaskState::Canceling;
+  if (record_.started) {
     if (engine) engine->worker().cancel(shared_from_this());
     return;
   }
@@ -100,9 +100,9 @@ void SessionTransfer::cancel() {
   if (engine) {
     engine->completionQueue().async([self = shared_from_this(), error] { self->complete(nullptr, error); });
   } else {
-    std::lock_guard relock(record_->mutex);
-    record_->state = URLSessionTaskState::Completed;
-    record_->error = error;
+    std::lock_guard relock(record_.mutex);
+    record_.state = URLSessionTaskState::Completed;
+    record_.error = error;
   }
 }
 
@@ -130,8 +130,8 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
       return false;
     }
     {
-      std::lock_guard lock(record_->mutex);
-      record_->currentRequest = request;
+      std::lock_guard lock(record_.mutex);
+      record_.currentRequest = request;
     }
     sent_ = std::move(request);
     fieldLines_.clear();
@@ -240,15 +240,15 @@ ErrorPtr SessionTransfer::takeResponse() {
   ErrorPtr error = sink_->didReceiveResponse(*response, bodyLength);
   const std::int64_t held = sink_->length();
   expectedLength_ = bodyLength >= 0 ? held + bodyLength : -1;
-  std::lock_guard lock(record_->mutex);
-  record_->response = response_;
-  if (record_->currentRequest && response->url && record_->currentRequest->url != response->url) {
-    auto redirected = std::make_shared<URLRequest>(*record_->currentRequest);
+  std::lock_guard lock(record_.mutex);
+  record_.response = response_;
+  if (record_.currentRequest && response->url && record_.currentRequest->url != response->url) {
+    auto redirected = std::make_shared<URLRequest>(*record_.currentRequest);
     redirected->url = response->url;
-    record_->currentRequest = std::move(redirected);
+    record_.currentRequest = std::move(redirected);
   }
-  record_->bytesReceived.store(held, std::memory_order_relaxed);
-  record_->bytesExpected.store(expectedLength_, std::memory_order_relaxed);
+  record_.bytesReceived.store(held, std::memory_order_relaxed);
+  record_.bytesExpected.store(expectedLength_, std::memory_order_relaxed);
   return error;
 }
 
@@ -258,7 +258,7 @@ std::size_t SessionTransfer::receiveBody(const char* data, std::size_t length) {
     if ((abortError_ = takeResponse())) return CURL_WRITEFUNC_ERROR;
   }
   if ((abortError_ = sink_->didReceiveData(data, length))) return CURL_WRITEFUNC_ERROR;
-  record_->bytesReceived.store(sink_->length(), std::memory_order_relaxed);
+  record_.bytesReceived.store(sink_->length(), std::memory_order_relaxed);
   reportDownload(false);
   return length;
 }
@@ -365,9 +365,9 @@ void SessionTransfer::complete(const std::shared_ptr<const HTTPResponse>& respon
     error = makeTransportError(kURLErrorUnknown, failure.what(), failingURL());
   }
   {
-    std::lock_guard lock(record_->mutex);
-    record_->state = URLSessionTaskState::Completed;
-    record_->error = error;
+    std::lock_guard lock(record_.mutex);
+    record_.state = URLSessionTaskState::Completed;
+    record_.error = error;
   }
   try {
     sink_->deliver(response, error);

@@ -3,8 +3,8 @@
 // and delivers the outcome exactly once on the completion queue. Internal to the
 // transport.
 //
-// The task state lives in a TaskRecord shared by the public task object and its
-// transfer; every state change happens in SessionTransfer:
+// The task state lives in the transfer's TaskRecord, which the public task object reads;
+// every state change happens in SessionTransfer:
 //   Suspended --resume()--> Running --(exchange ends)--> Completed
 //   Suspended --cancel()--> Canceling --(queued at once)--> Completed
 //   Running   --cancel()--> Canceling --(worker stops it)--> Completed
@@ -96,9 +96,13 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
     long receiveBufferSize = 0;
   };
 
-  SessionTransfer(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<TaskRecord> record,
-                  SharedRequest request, std::unique_ptr<BodySink> sink, Options options);
+  // `request` is the task's original request (null: none).
+  SessionTransfer(const std::shared_ptr<SessionEngine>& engine, SharedRequest request, std::unique_ptr<BodySink> sink,
+                  Options options);
   ~SessionTransfer() override;
+
+  // The task's state, shared with its task object.
+  TaskRecord& record() { return record_; }
 
   // Any thread.
   void resume();
@@ -147,7 +151,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   // The engine's outbox, used from the worker thread only: the engine stops the worker
   // before the outbox goes, so it outlives every use there.
   CompletionOutbox* const outbox_;
-  const std::shared_ptr<TaskRecord> record_;
+  TaskRecord record_;
   const SharedRequest request_;  // null: none
   const std::unique_ptr<BodySink> sink_;
   const bool hasUploadProgress_;

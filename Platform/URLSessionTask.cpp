@@ -5,12 +5,12 @@
 
 namespace vkq::platform {
 
-URLSessionTask::URLSessionTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer)
-    : record_(std::move(record)), transfer_(std::move(transfer)) {}
+URLSessionTask::URLSessionTask(std::shared_ptr<SessionTransfer> transfer)
+    : transfer_(std::move(transfer)), record_(transfer_->record()) {}
 
 URLSessionTask::~URLSessionTask() = default;
 
-std::uint64_t URLSessionTask::taskIdentifier() const { return record_->identifier; }
+std::uint64_t URLSessionTask::taskIdentifier() const { return record_.identifier; }
 
 void URLSessionTask::resume() { transfer_->resume(); }
 
@@ -19,49 +19,48 @@ void URLSessionTask::suspend() { transfer_->suspend(); }
 void URLSessionTask::cancel() { transfer_->cancel(); }
 
 URLSessionTaskState URLSessionTask::state() const {
-  std::lock_guard lock(record_->mutex);
-  return record_->state;
+  std::lock_guard lock(record_.mutex);
+  return record_.state;
 }
 
 std::optional<URLRequest> URLSessionTask::originalRequest() const {
-  if (!record_->originalRequest) return std::nullopt;
-  return *record_->originalRequest;
+  if (!record_.originalRequest) return std::nullopt;
+  return *record_.originalRequest;
 }
 
 std::optional<URLRequest> URLSessionTask::currentRequest() const {
   SharedRequest current;
   {
-    std::lock_guard lock(record_->mutex);
-    current = record_->currentRequest;
+    std::lock_guard lock(record_.mutex);
+    current = record_.currentRequest;
   }
   if (!current) return std::nullopt;
   return *current;
 }
 
 std::shared_ptr<const HTTPResponse> URLSessionTask::response() const {
-  std::lock_guard lock(record_->mutex);
-  return record_->response;
+  std::lock_guard lock(record_.mutex);
+  return record_.response;
 }
 
 ErrorPtr URLSessionTask::error() const {
-  std::lock_guard lock(record_->mutex);
-  return record_->error;
+  std::lock_guard lock(record_.mutex);
+  return record_.error;
 }
 
 std::int64_t URLSessionTask::countOfBytesReceived() const {
-  return record_->bytesReceived.load(std::memory_order_relaxed);
+  return record_.bytesReceived.load(std::memory_order_relaxed);
 }
 
 std::int64_t URLSessionTask::countOfBytesExpectedToReceive() const {
-  return record_->bytesExpected.load(std::memory_order_relaxed);
+  return record_.bytesExpected.load(std::memory_order_relaxed);
 }
 
-URLSessionDataTask::URLSessionDataTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer)
-    : URLSessionTask(std::move(record), std::move(transfer)) {}
+URLSessionDataTask::URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer)
+    : URLSessionTask(std::move(transfer)) {}
 
-URLSessionDownloadTask::URLSessionDownloadTask(std::shared_ptr<TaskRecord> record,
-                                               std::shared_ptr<SessionTransfer> transfer)
-    : URLSessionTask(std::move(record), std::move(transfer)) {}
+URLSessionDownloadTask::URLSessionDownloadTask(std::shared_ptr<SessionTransfer> transfer)
+    : URLSessionTask(std::move(transfer)) {}
 
 void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std::optional<Bytes>)> handler) {
   // Download tasks are only ever made with a download body.

@@ -69,26 +69,26 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
 
  protected:
   // Made by the session manager; `transfer` carries out the exchange.
-  URLSessionTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer);
+  explicit URLSessionTask(std::shared_ptr<SessionTransfer> transfer);
 
   const std::shared_ptr<SessionTransfer>& transfer() const { return transfer_; }
 
  private:
-  std::shared_ptr<TaskRecord> record_;
   std::shared_ptr<SessionTransfer> transfer_;
+  TaskRecord& record_;  // the transfer's
 };
 
 // A task whose answer body is collected in memory and handed to the completion handler.
 class URLSessionDataTask : public URLSessionTask {
  public:
-  URLSessionDataTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer);
+  explicit URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer);
 };
 
 // A task whose answer body is written to a temporary file, then moved where the
 // manager's destination callback says.
 class URLSessionDownloadTask : public URLSessionTask {
  public:
-  URLSessionDownloadTask(std::shared_ptr<TaskRecord> record, std::shared_ptr<SessionTransfer> transfer);
+  explicit URLSessionDownloadTask(std::shared_ptr<SessionTransfer> transfer);
 
   // Cancels the task; `handler` then runs on the manager's completion queue, before the
   // completion handler, with resume data, or with absent when the download cannot be
