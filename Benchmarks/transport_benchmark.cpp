@@ -12,8 +12,15 @@
 //  Download/<client>/<n>: a 256 MiB file to disk, beside the curl tool. Counter: MiB/s.
 // The two clients run interleaved, several times each; the summary at the end gives the
 // ratios of the medians.
+//
+// The server runs on a core of its own and the client (every thread of this process,
+// and the curl tool it starts) on another, when the process may use two: otherwise the
+// server's threads take turns with the client's on the same cores, and the client's
+// rate follows the scheduler rather than its own cost. --shared-cores leaves both
+// processes on every core.
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -28,9 +35,12 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Benchmarks/PairedRatios.h"
@@ -56,6 +66,26 @@ std::string baseURL;
 fs::path workFolder;
 pid_t serverProcess = -1;
 std::map<std::string, std::vector<double>> results;  // name -> one value per repetition
+
+// The first two cores this process may run on; absent when it may use fewer.
+std::optional<std::pair<int, int>> twoCores() {
+  cpu_set_t allowed;
+  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return std::nullopt;
+  std::vector<int> cores;
+  for (int cpu = 0; cpu < CPU_SETSIZE && cores.size() < 2; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) cores.push_back(cpu);
+  }
+  if (cores.size() < 2) return std::nullopt;
+  return std::pair(cores[0], cores[1]);
+}
+
+// Keeps the calling process (its threads to come, and its children) on `cpu`.
+void runOn(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  sched_setaffinity(0, sizeof set, &set);
+}
 
 // The process's CPU time (every thread, user and system) and how often its threads
 // went to sleep (voluntary context switches: each is a wait that needed a wake-up).
@@ -354,13 +384,15 @@ void printSummary() {
               pairedRatios(results["SmallGets/session/cpu"], results["SmallGets/curl/cpu"]).c_str());
 }
 
-// Serves /small and /large from a child process until the parent closes the pipe.
-pid_t startServerProcess() {
+// Serves /small and /large from a child process until the parent closes the pipe; on
+// `cores->second` when given, with this process moved to `cores->first`.
+pid_t startServerProcess(const std::optional<std::pair<int, int>>& cores) {
   int portPipe[2];
   int lifePipe[2];
   if (pipe(portPipe) != 0 || pipe(lifePipe) != 0) return -1;
   const pid_t child = fork();
   if (child == 0) {
+    if (cores) runOn(cores->second);
     close(portPipe[0]);
     close(lifePipe[1]);
     vkq::testing::TestServer::Options options;
@@ -391,6 +423,7 @@ pid_t startServerProcess() {
     server.stop();
     _exit(0);
   }
+  if (cores) runOn(cores->first);
   close(portPipe[1]);
   close(lifePipe[0]);  // the write end stays open in this process until it exits
   int port = 0;
@@ -404,8 +437,20 @@ pid_t startServerProcess() {
 int main(int argc, char** argv) {
   workFolder = fs::temp_directory_path() / ("vkq-transport-benchmark-" + std::to_string(getpid()));
   fs::create_directories(workFolder);
+  bool sharedCores = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--shared-cores") {
+      sharedCores = true;
+      std::copy(argv + i + 1, argv + argc, argv + i);
+      --argc;
+      break;
+    }
+  }
+  const auto cores = sharedCores ? std::nullopt : twoCores();
+  std::printf("client on %s, server on %s\n", cores ? std::to_string(cores->first).c_str() : "every core",
+              cores ? std::to_string(cores->second).c_str() : "every core");
   // Forked before any thread exists in this process.
-  const pid_t server = startServerProcess();
+  const pid_t server = startServerProcess(cores);
   serverProcess = server;
   if (server < 0) {
     std::cerr << "cannot start the server process\n";
