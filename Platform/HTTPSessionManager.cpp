@@ -32,12 +32,12 @@ void checkPartialFile(const ResumeData& resume) {
   }
 }
 
-// A task of type Task over a new transfer of `request` into `body`.
-template <typename Task>
+// A task of type Task over a new transfer of `request` into a body of type Body.
+template <typename Task, typename Body, typename... BodyArguments>
 std::shared_ptr<Task> makeTask(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<const URLRequest> request,
-                               std::unique_ptr<BodySink> body, SessionTransfer::Options options) {
-  return std::make_shared<Task>(
-      std::make_shared<SessionTransfer>(engine, std::move(request), std::move(body), std::move(options)));
+                               SessionTransfer::Options options, BodyArguments&&... bodyArguments) {
+  return std::make_shared<Task>(std::make_shared<SessionTransferWith<Body>>(
+      engine, std::move(request), std::move(options), std::forward<BodyArguments>(bodyArguments)...));
 }
 
 }  // namespace
@@ -73,20 +73,19 @@ std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(cons
                                                                             ProgressBlock downloadProgress,
                                                                             DataTaskCompletion completionHandler) {
   auto shared = std::make_shared<const URLRequest>(request);
-  auto body = std::make_unique<DataTaskBody>(maximumDataLength(), shared, engine_->responseSerializer(),
-                                             std::move(completionHandler));
-  return makeTask<URLSessionDataTask>(engine_, std::move(shared), std::move(body),
-                                      {std::move(uploadProgress), std::move(downloadProgress), 0});
+  return makeTask<URLSessionDataTask, DataTaskBody>(engine_, shared,
+                                                    {std::move(uploadProgress), std::move(downloadProgress), 0},
+                                                    maximumDataLength(), shared, engine_->responseSerializer(),
+                                                    std::move(completionHandler));
 }
 
 std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequest(
     const URLRequest& request, ProgressBlock progress, DownloadDestination destination,
     DownloadTaskCompletion completionHandler) {
-  auto body = std::make_unique<DownloadTaskBody>(
+  return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
+      engine_, std::make_shared<const URLRequest>(request), {nullptr, std::move(progress), kDownloadBufferSize},
       partialDownloadsFolder(), request,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
-  return makeTask<URLSessionDownloadTask>(engine_, std::make_shared<const URLRequest>(request), std::move(body),
-                                          {nullptr, std::move(progress), kDownloadBufferSize});
 }
 
 std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResumeData(
@@ -101,11 +100,10 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResu
   }
   checkPartialFile(*resume);
 
-  auto body = std::make_unique<DownloadTaskBody>(
+  return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
+      engine_, std::make_shared<const URLRequest>(std::move(request)), {nullptr, std::move(progress), kDownloadBufferSize},
       *resume,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
-  return makeTask<URLSessionDownloadTask>(engine_, std::make_shared<const URLRequest>(std::move(request)),
-                                          std::move(body), {nullptr, std::move(progress), kDownloadBufferSize});
 }
 
 }  // namespace vkq::platform

@@ -38,12 +38,11 @@ TaskRecord::TaskRecord(SharedRequest request)
     : identifier(nextTaskIdentifier()), originalRequest(request), currentRequest(std::move(request)) {}
 
 SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, SharedRequest request,
-                                 std::unique_ptr<BodySink> sink, Options options)
+                                 Options options)
     : engine_(engine),
       outbox_(&engine->outbox()),
       record_(request),
       request_(std::move(request)),
-      sink_(std::move(sink)),
       hasUploadProgress_(static_cast<bool>(options.uploadProgress)),
       hasDownloadProgress_(static_cast<bool>(options.downloadProgress)),
       receiveBufferSize_(options.receiveBufferSize),
@@ -96,7 +95,7 @@ void SessionTransfer::cancel() {
   }
   lock.unlock();
   // Never started: nothing runs on the worker, so the exchange ends here.
-  ErrorPtr error = sink_->didFinish(makeTransportError(kURLErrorCancelled, "cancelled", failingURL()), true);
+  ErrorPtr error = sink().didFinish(makeTransportError(kURLErrorCancelled, "cancelled", failingURL()), true);
   if (engine) {
     engine->completionQueue().async([self = shared_from_this(), error] { self->complete(nullptr, error); });
   } else {
@@ -117,7 +116,7 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
       return false;
     }
     SharedRequest request = request_;
-    if (ErrorPtr refused = sink_->willSend(request)) {
+    if (ErrorPtr refused = sink().willSend(request)) {
       conclude(std::move(refused), false);
       return false;
     }
@@ -237,8 +236,8 @@ ErrorPtr SessionTransfer::takeResponse() {
 
   // A decoded body has another length than the one announced.
   const std::int64_t bodyLength = contentLength >= 0 && !response->isContentEncoded() ? contentLength : -1;
-  ErrorPtr error = sink_->didReceiveResponse(*response, bodyLength);
-  const std::int64_t held = sink_->length();
+  ErrorPtr error = sink().didReceiveResponse(*response, bodyLength);
+  const std::int64_t held = sink().length();
   expectedLength_ = bodyLength >= 0 ? held + bodyLength : -1;
   std::lock_guard lock(record_.mutex);
   record_.response = response_;
@@ -257,15 +256,15 @@ std::size_t SessionTransfer::receiveBody(const char* data, std::size_t length) {
   if (!response_) {
     if ((abortError_ = takeResponse())) return CURL_WRITEFUNC_ERROR;
   }
-  if ((abortError_ = sink_->didReceiveData(data, length))) return CURL_WRITEFUNC_ERROR;
-  record_.bytesReceived.store(sink_->length(), std::memory_order_relaxed);
+  if ((abortError_ = sink().didReceiveData(data, length))) return CURL_WRITEFUNC_ERROR;
+  record_.bytesReceived.store(sink().length(), std::memory_order_relaxed);
   reportDownload(false);
   return length;
 }
 
 void SessionTransfer::reportDownload(bool last) {
   if (!hasDownloadProgress_) return;
-  const std::int64_t held = sink_->length();
+  const std::int64_t held = sink().length();
   const auto now = Clock::now();
   if (held == lastDownloadReported_) return;
   if (!last && held - lastDownloadReported_ < kProgressStep && now - lastDownloadReport_ < kProgressInterval) return;
@@ -302,7 +301,7 @@ bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexc
         break;
     }
     easy_ = nullptr;  // back to the worker once this returns; a restart gets one anew
-    if (reason == TransferWorker::EndReason::Done && sink_->shouldRestart()) return true;
+    if (reason == TransferWorker::EndReason::Done && sink().shouldRestart()) return true;
     if (!error && hasUploadProgress_ && uploaded_ > 0) reportUpload(uploaded_, uploadTotal_, true);
     conclude(std::move(error), cancelled);
   } catch (const std::exception& failure) {
@@ -334,7 +333,7 @@ ErrorPtr SessionTransfer::outcomeOfExchange(CURLcode code) {
 }
 
 void SessionTransfer::conclude(ErrorPtr error, bool cancelled) {
-  error = sink_->didFinish(std::move(error), cancelled);
+  error = sink().didFinish(std::move(error), cancelled);
   reportDownload(true);
   outbox_->post(shared_from_this(), {TransferEvent::Kind::Completion, {}, response_, std::move(error)});
 }
@@ -360,7 +359,7 @@ void SessionTransfer::handle(TransferEvent event) {
 
 void SessionTransfer::complete(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) {
   try {
-    error = sink_->settle(response, std::move(error));
+    error = sink().settle(response, std::move(error));
   } catch (const std::exception& failure) {
     error = makeTransportError(kURLErrorUnknown, failure.what(), failingURL());
   }
@@ -370,7 +369,7 @@ void SessionTransfer::complete(const std::shared_ptr<const HTTPResponse>& respon
     record_.error = error;
   }
   try {
-    sink_->deliver(response, error);
+    sink().deliver(response, error);
   } catch (...) {
     // A completion handler's exception must not reach the queue.
   }

@@ -87,7 +87,8 @@ class BodySink {
   virtual void deliver(const std::shared_ptr<const HTTPResponse>& response, const ErrorPtr& error) = 0;
 };
 
-class SessionTransfer final : public TransferWorker::Transfer, public std::enable_shared_from_this<SessionTransfer> {
+// Made as a SessionTransferWith<Body>, which holds the body sink in the same allocation.
+class SessionTransfer : public TransferWorker::Transfer, public std::enable_shared_from_this<SessionTransfer> {
  public:
   struct Options {
     ProgressBlock uploadProgress;
@@ -96,9 +97,6 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
     long receiveBufferSize = 0;
   };
 
-  // `request` is the task's original request (null: none).
-  SessionTransfer(const std::shared_ptr<SessionEngine>& engine, SharedRequest request, std::unique_ptr<BodySink> sink,
-                  Options options);
   ~SessionTransfer() override;
 
   // The task's state, shared with its task object.
@@ -108,7 +106,7 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   void resume();
   void suspend();
   void cancel();
-  BodySink& sink() { return *sink_; }
+  virtual BodySink& sink() = 0;
   // Any thread: runs `job` on the completion queue, or not at all when the manager is
   // gone.
   void postToCompletionQueue(std::function<void()> job);
@@ -123,6 +121,10 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   // (protocols, redirects, decoding, cookies through `share`, the callbacks).
   static void prepareHandle(EasyHandle& easy, CURLSH* share);
   bool end(TransferWorker::EndReason reason, CURLcode code) noexcept override;
+
+ protected:
+  // `request` is the task's original request (null: none).
+  SessionTransfer(const std::shared_ptr<SessionEngine>& engine, SharedRequest request, Options options);
 
  private:
   // The transfer a libcurl callback is for: its data pointer is the EasyHandle.
@@ -153,7 +155,6 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   CompletionOutbox* const outbox_;
   TaskRecord record_;
   const SharedRequest request_;  // null: none
-  const std::unique_ptr<BodySink> sink_;
   const bool hasUploadProgress_;
   const bool hasDownloadProgress_;
   const long receiveBufferSize_;
@@ -174,6 +175,22 @@ class SessionTransfer final : public TransferWorker::Transfer, public std::enabl
   std::int64_t lastUploadReported_ = -1;
   std::int64_t uploaded_ = 0;
   std::int64_t uploadTotal_ = -1;
+};
+
+// A transfer and its body sink of type Body, made together.
+template <typename Body>
+class SessionTransferWith final : public SessionTransfer {
+ public:
+  template <typename... BodyArguments>
+  SessionTransferWith(const std::shared_ptr<SessionEngine>& engine, SharedRequest request, Options options,
+                      BodyArguments&&... bodyArguments)
+      : SessionTransfer(engine, std::move(request), std::move(options)),
+        body_(std::forward<BodyArguments>(bodyArguments)...) {}
+
+  BodySink& sink() override { return body_; }
+
+ private:
+  Body body_;
 };
 
 }  // namespace vkq::platform
