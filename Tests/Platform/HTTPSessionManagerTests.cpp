@@ -8,6 +8,8 @@
 #include <openssl/x509.h>
 #include <zlib.h>
 
+#include <cstring>
+
 #include "Tests/Platform/TransportTesting.h"
 #include "Tests/Support/TestServer.h"
 
@@ -203,6 +205,27 @@ TEST_F(DataTaskTest, ConcurrentTasksSendTheirMethodAndBodyAndEachGetsItsOwnAnswe
   URLRequest head = makeRequest(server.url("/echo"));
   head.HTTPMethod = "HEAD";
   EXPECT_EQ(codeOf(run(head).error), 0);
+}
+
+// One after another, the exchanges reuse one easy handle: none may inherit the method
+// or body of the one before.
+TEST_F(DataTaskTest, ExchangesOnAReusedHandleSendTheirOwnMethodAndBody) {
+  server.handle("/echo", [](const httplib::Request& request, httplib::Response& response) {
+    response.set_header("X-Seen", request.method + ":" + std::to_string(request.body.size()));
+  });
+  const std::pair<const char*, const char*> exchanges[] = {  // method, body (null: none)
+      {"GET", nullptr}, {"GET", nullptr}, {"POST", "abc"}, {"GET", nullptr}, {"HEAD", nullptr},
+      {"GET", nullptr}, {"POST", nullptr}, {"GET", nullptr}, {"PUT", "xy"},   {"GET", nullptr}};
+  for (const auto& [method, body] : exchanges) {
+    URLRequest request = makeRequest(server.url("/echo"));
+    request.HTTPMethod = method;
+    if (body) request.HTTPBody = platform::bytesFromString(body);
+    const DataOutcome outcome = run(request);
+    ASSERT_EQ(codeOf(outcome.error), 0) << method;
+    ASSERT_TRUE(outcome.response);
+    EXPECT_EQ(outcome.response->allHeaderFields().value("X-Seen"),
+              std::string(method) + ":" + std::to_string(body ? std::strlen(body) : 0));
+  }
 }
 
 TEST_F(DataTaskTest, TransportFailuresMapToTheirURLErrors) {
