@@ -60,7 +60,7 @@ constexpr int kInFlight = 32;
 constexpr std::size_t kSmallSize = 64;
 constexpr std::size_t kLargeSize = std::size_t{256} << 20;
 constexpr int kRepetitions = 7;
-constexpr int kDownloadRepetitions = 3;
+constexpr int kDownloadRepetitions = 7;
 
 std::string baseURL;
 fs::path workFolder;
@@ -382,6 +382,8 @@ void printSummary() {
   std::printf("  small GETs req/s %s, CPU per request %s\n",
               pairedRatios(results["SmallGets/session/rps"], results["SmallGets/curl/rps"]).c_str(),
               pairedRatios(results["SmallGets/session/cpu"], results["SmallGets/curl/cpu"]).c_str());
+  std::printf("  256 MiB download MiB/s %s\n",
+              pairedRatios(results["Download/session"], results["Download/curl-tool"]).c_str());
 }
 
 // Serves /small and /large from a child process until the parent closes the pipe; on

@@ -13,8 +13,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// libcurl's largest receive buffer: downloads reach the disk in large writes.
-constexpr long kDownloadBufferSize = 512 * 1024;
+// libcurl's receive buffer for downloads: pieces large enough to go to the file
+// directly, small enough to stay in the core's cache between the receive and the write
+// (512 KiB measured slower).
+constexpr long kDownloadBufferSize = 100 * 1024;
 
 // The resume data's partial file, checked: it must lie in our folder and hold exactly
 // the bytes the data counts.
