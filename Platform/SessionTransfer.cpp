@@ -195,14 +195,14 @@ std::size_t SessionTransfer::onBody(char* data, std::size_t size, std::size_t co
 int SessionTransfer::onProgress(void* easy, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded) {
   SessionTransfer* transfer = &of(easy);
   if (uploaded != transfer->uploaded_) {
-    transfer->lastActivity = Clock::now();
+    transfer->markActive();
     transfer->reportUpload(uploaded, uploadTotal > 0 ? uploadTotal : -1, false);
   }
   return 0;
 }
 
 std::size_t SessionTransfer::receiveHeader(std::string_view line) {
-  lastActivity = Clock::now();
+  markActive();
   if (response_) return line.size();  // trailers of the final answer
   if (line.starts_with("HTTP/")) {
     // An answer starts: drop the lines of an interim answer or a redirect that came
@@ -252,7 +252,7 @@ ErrorPtr SessionTransfer::takeResponse() {
 }
 
 std::size_t SessionTransfer::receiveBody(const char* data, std::size_t length) {
-  lastActivity = Clock::now();
+  markActive();
   if (!response_) {
     if ((abortError_ = takeResponse())) return CURL_WRITEFUNC_ERROR;
   }

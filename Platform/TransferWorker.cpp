@@ -70,6 +70,7 @@ void TransferWorker::run() {
   // over allocates nothing once the session is warm.
   std::vector<Command> commands;
   for (;;) {
+    roundStart_ = Clock::now();
     bool stopping;
     {
       std::lock_guard lock(mutex_);
@@ -134,7 +135,7 @@ void TransferWorker::apply(Command& command) {
     case Command::Kind::Unpause:
       // The idle time-out starts afresh; data held back may be delivered right here.
       transfer.paused_ = false;
-      transfer.lastActivity = Clock::now();
+      transfer.lastActivity = roundStart_;
       curl_easy_pause(running_[transfer.runningSlot_].easy->get(), CURLPAUSE_CONT);
       break;
     case Command::Kind::Start:
@@ -143,7 +144,8 @@ void TransferWorker::apply(Command& command) {
 }
 
 void TransferWorker::begin(const std::shared_ptr<Transfer>& transfer) {
-  transfer->lastActivity = Clock::now();
+  transfer->roundStart_ = &roundStart_;
+  transfer->lastActivity = roundStart_;
   std::unique_ptr<EasyHandle> easy = takeHandle();
   if (!easy) {
     if (transfer->end(EndReason::Done, CURLE_OUT_OF_MEMORY)) begin(transfer);

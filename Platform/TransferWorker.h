@@ -50,13 +50,18 @@ class TransferWorker {
     // made (CURLE_OUT_OF_MEMORY).
     virtual bool end(EndReason reason, CURLcode code) noexcept = 0;
 
-    // Set by the transfer's callbacks whenever data moves (worker thread only).
-    Clock::time_point lastActivity;
+    // Worker thread, from the transfer's callbacks: data moved. It counts as of the
+    // start of the worker's current round, which lasts far less than any time-out:
+    // the clock is read once per round rather than once per callback.
+    void markActive() { lastActivity = *roundStart_; }
+
+    Clock::time_point lastActivity;  // worker thread
     // Zero: no idle time-out.
     Clock::duration idleTimeout{};
 
    private:
     friend class TransferWorker;
+    const Clock::time_point* roundStart_ = nullptr;  // the worker's, from begin() on
     static constexpr std::size_t kNotRunning = static_cast<std::size_t>(-1);
     std::size_t runningSlot_ = kNotRunning;  // worker thread: its place in running_
     bool paused_ = false;                    // worker thread
@@ -125,6 +130,7 @@ class TransferWorker {
   std::vector<Running> running_;
   std::vector<std::unique_ptr<EasyHandle>> idleHandles_;
   std::size_t mostRunning_ = 0;
+  Clock::time_point roundStart_;  // worker thread: when the current round began
 
   std::thread thread_;
 };
