@@ -59,7 +59,7 @@ constexpr int kRequests = 10'000;
 constexpr int kInFlight = 32;
 constexpr std::size_t kSmallSize = 64;
 constexpr std::size_t kLargeSize = std::size_t{256} << 20;
-constexpr int kRepetitions = 7;
+constexpr int kRepetitions = 15;
 constexpr int kDownloadRepetitions = 7;
 
 std::string baseURL;
