@@ -1,8 +1,9 @@
 // The head of an HTTP answer.
 //
 // A head received by the transport keeps its header lines as they came and parses them
-// into fields the first time every field is asked for: most answers are read for their
-// status, length and body only. Reading is thread-safe; changing a response is not.
+// into fields only when the fields are first asked for as a whole: most answers are read
+// for their status, length and body only. Reading is thread-safe; changing a response
+// is not.
 #pragma once
 
 #include <cstdint>
@@ -50,7 +51,8 @@ class HTTPResponse {
   static std::string localizedStringForStatusCode(int statusCode);
 
  private:
-  // The first value of `name`, from the lines while they are unparsed.
+  // The first value of `name`: from the received lines when there are any (no parse
+  // needed), else from the fields.
   std::optional<std::string_view> firstValue(std::string_view name) const;
 
   mutable std::once_flag parsed_;
