@@ -61,7 +61,9 @@ HTTPHeaders HTTPHeaders::fromFieldLines(std::string_view lines) {
   while (!lines.empty()) {
     const std::string_view line = trim(nextLine(lines));
     const auto colon = line.find(':');
-    if (colon != std::string_view::npos && colon > 0) headers.append(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
+    if (colon != std::string_view::npos && colon > 0) {
+      headers.append(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
+    }
   }
   return headers;
 }

@@ -103,8 +103,8 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResu
   checkPartialFile(*resume);
 
   return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
-      engine_, std::make_shared<const URLRequest>(std::move(request)), {nullptr, std::move(progress), kDownloadBufferSize},
-      *resume,
+      engine_, std::make_shared<const URLRequest>(std::move(request)),
+      {nullptr, std::move(progress), kDownloadBufferSize}, *resume,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
 }
 

@@ -181,7 +181,8 @@ void SessionTransfer::configure(const URLRequest& request) {
 }
 
 SessionTransfer& SessionTransfer::of(void* easy) {
-  return *static_cast<SessionTransfer*>(static_cast<TransferWorker::Transfer*>(static_cast<EasyHandle*>(easy)->owner()));
+  auto* transfer = static_cast<TransferWorker::Transfer*>(static_cast<EasyHandle*>(easy)->owner());
+  return *static_cast<SessionTransfer*>(transfer);
 }
 
 std::size_t SessionTransfer::onHeader(char* data, std::size_t size, std::size_t count, void* easy) {

@@ -96,7 +96,9 @@ void TransferWorker::run() {
       const CURLcode code = message->data.result;  // `message` dies with the removal
       EasyHandle* easy = nullptr;
       curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &easy);
-      if (easy != nullptr && easy->owner() != nullptr) finish(*static_cast<Transfer*>(easy->owner()), EndReason::Done, code);
+      if (easy != nullptr && easy->owner() != nullptr) {
+        finish(*static_cast<Transfer*>(easy->owner()), EndReason::Done, code);
+      }
     }
 
     long curlTimeout = -1;
