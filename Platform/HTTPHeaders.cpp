@@ -13,12 +13,6 @@ bool sameName(std::string_view a, std::string_view b) {
 
 bool isHeaderSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && isHeaderSpace(text.front())) text.remove_prefix(1);
-  while (!text.empty() && isHeaderSpace(text.back())) text.remove_suffix(1);
-  return text;
-}
-
 // Takes the next line off `lines` (without its line break).
 std::string_view nextLine(std::string_view& lines) {
   const auto end = lines.find('\n');
@@ -59,10 +53,10 @@ HTTPHeaders HTTPHeaders::fromFieldLines(std::string_view lines) {
   HTTPHeaders headers;
   headers.reserve(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')));
   while (!lines.empty()) {
-    const std::string_view line = trim(nextLine(lines));
+    const std::string_view line = trimHeaderSpace(nextLine(lines));
     const auto colon = line.find(':');
     if (colon != std::string_view::npos && colon > 0) {
-      headers.append(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
+      headers.append(trimHeaderSpace(line.substr(0, colon)), trimHeaderSpace(line.substr(colon + 1)));
     }
   }
   return headers;
@@ -80,7 +74,7 @@ std::optional<std::string_view> HTTPHeaders::firstValueInFieldLines(std::string_
     }
     line.remove_prefix(name.size());
     while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
-    if (!line.empty() && line.front() == ':') return trim(line.substr(1));
+    if (!line.empty() && line.front() == ':') return trimHeaderSpace(line.substr(1));
   }
   return std::nullopt;
 }
@@ -131,6 +125,12 @@ std::string HTTPHeaders::description() const {
     text += "    " + quotedIfNeeded(field->first) + " = " + quotedIfNeeded(field->second) + ";\n";
   }
   return text + "}";
+}
+
+std::string_view trimHeaderSpace(std::string_view text) {
+  while (!text.empty() && isHeaderSpace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isHeaderSpace(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 bool isSafeHeaderText(std::string_view text) {

@@ -54,6 +54,9 @@ class HTTPHeaders {
   std::vector<Field> fields_;
 };
 
+// `text` without the spaces, tabs and line breaks around it.
+std::string_view trimHeaderSpace(std::string_view text);
+
 // True when `text` may appear in a header name or value: no CR, LF or NUL.
 bool isSafeHeaderText(std::string_view text);
 

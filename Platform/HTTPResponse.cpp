@@ -6,15 +6,6 @@
 #include <utility>
 
 namespace vkq::platform {
-namespace {
-
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-}  // namespace
 
 HTTPResponse::HTTPResponse(std::optional<URL> url, int statusCode, HTTPHeaders allHeaderFields)
     : url(std::move(url)), statusCode(statusCode), fields_(std::move(allHeaderFields)) {}
@@ -64,7 +55,7 @@ std::optional<std::string_view> HTTPResponse::firstValue(std::string_view name) 
 std::optional<std::string> HTTPResponse::MIMEType() const {
   const std::string* contentType = allHeaderFields().find("Content-Type");
   if (!contentType) return std::nullopt;
-  const std::string_view type = trimmed(std::string_view(*contentType).substr(0, contentType->find(';')));
+  const std::string_view type = trimHeaderSpace(std::string_view(*contentType).substr(0, contentType->find(';')));
   if (type.empty()) return std::nullopt;
   std::string lowered(type);
   for (char& c : lowered) {
@@ -76,7 +67,7 @@ std::optional<std::string> HTTPResponse::MIMEType() const {
 std::int64_t HTTPResponse::expectedContentLength() const {
   const std::optional<std::string_view> header = firstValue("Content-Length");
   if (!header) return -1;
-  const std::string_view text = trimmed(*header);
+  const std::string_view text = trimHeaderSpace(*header);
   std::int64_t length = -1;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
   if (error != std::errc() || end != text.data() + text.size() || text.empty() || length < 0) return -1;
