@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <random>
 
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 namespace vkq::benchmarks {
 

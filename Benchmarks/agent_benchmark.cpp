@@ -36,7 +36,7 @@
 #include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVesk.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/HTTPSessionManager.h"
+#include "Platform/Session/HTTPSessionManager.h"
 #include "Tests/Support/TestServer.h"
 
 namespace {

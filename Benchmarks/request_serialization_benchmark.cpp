@@ -6,9 +6,9 @@
 
 #include <string>
 
-#include "Platform/HTTPRequestSerializer.h"
-#include "Platform/HTTPResponseSerializer.h"
-#include "Platform/URL.h"
+#include "Platform/Serialization/HTTPRequestSerializer.h"
+#include "Platform/Serialization/HTTPResponseSerializer.h"
+#include "Platform/HTTP/URL.h"
 
 namespace {
 

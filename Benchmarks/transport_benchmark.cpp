@@ -44,7 +44,7 @@
 #include <vector>
 
 #include "Benchmarks/PairedRatios.h"
-#include "Platform/HTTPSessionManager.h"
+#include "Platform/Session/HTTPSessionManager.h"
 #include "Tests/Support/TestServer.h"
 
 namespace {

@@ -15,11 +15,11 @@
 #include "Classes/VKQResumeDataStore.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/Assert.h"
-#include "Platform/HTTPSessionManager.h"
-#include "Platform/Log.h"
-#include "Platform/MainQueue.h"
-#include "Platform/URLSessionTask.h"
+#include "Platform/Base/Assert.h"
+#include "Platform/Session/HTTPSessionManager.h"
+#include "Platform/Base/Log.h"
+#include "Platform/Base/MainQueue.h"
+#include "Platform/Session/URLSessionTask.h"
 
 namespace fs = std::filesystem;
 using vkq::platform::Bytes;

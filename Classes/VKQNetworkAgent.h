@@ -33,12 +33,12 @@
 #include <string_view>
 
 #include "Classes/VKQNetworkAgentRecord.h"
-#include "Platform/Bytes.h"
-#include "Platform/Error.h"
-#include "Platform/HTTPRequestSerializer.h"
-#include "Platform/Object.h"
-#include "Platform/Progress.h"
-#include "Platform/URL.h"
+#include "Platform/Base/Bytes.h"
+#include "Platform/Base/Error.h"
+#include "Platform/Serialization/HTTPRequestSerializer.h"
+#include "Platform/Serialization/Object.h"
+#include "Platform/Base/Progress.h"
+#include "Platform/HTTP/URL.h"
 
 namespace vkq::platform {
 class HTTPSessionManager;

@@ -6,7 +6,7 @@
 #include <iterator>
 
 #include "Classes/VKQNetworkAgent.h"
-#include "Platform/Log.h"
+#include "Platform/Base/Log.h"
 
 namespace fs = std::filesystem;
 using vkq::platform::Bytes;

@@ -17,8 +17,8 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Bytes.h"
-#include "Platform/URL.h"
+#include "Platform/Base/Bytes.h"
+#include "Platform/HTTP/URL.h"
 
 class VKQResumeDataStore {
  public:

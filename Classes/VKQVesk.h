@@ -20,8 +20,8 @@
 #include <string>
 
 #include "Classes/VKQVeskRequest.h"
-#include "Platform/Bytes.h"
-#include "Platform/Object.h"
+#include "Platform/Base/Bytes.h"
+#include "Platform/Serialization/Object.h"
 
 class VKQVesk : public VKQVeskRequest {
  public:

@@ -1,8 +1,8 @@
 #include "Classes/VKQVeskRequest.h"
 
 #include "Classes/VKQNetworkAgent.h"
-#include "Platform/Assert.h"
-#include "Platform/URLSessionTask.h"
+#include "Platform/Base/Assert.h"
+#include "Platform/Session/URLSessionTask.h"
 
 using vkq::platform::ErrorPtr;
 using vkq::platform::HTTPHeaders;

@@ -25,12 +25,12 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Error.h"
-#include "Platform/HTTPHeaders.h"
-#include "Platform/HTTPResponse.h"
-#include "Platform/Object.h"
-#include "Platform/Progress.h"
-#include "Platform/URLRequest.h"
+#include "Platform/Base/Error.h"
+#include "Platform/HTTP/HTTPHeaders.h"
+#include "Platform/HTTP/HTTPResponse.h"
+#include "Platform/Serialization/Object.h"
+#include "Platform/Base/Progress.h"
+#include "Platform/HTTP/URLRequest.h"
 
 namespace vkq::platform {
 class URLSessionTask;

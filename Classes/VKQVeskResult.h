@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Classes/VKQResponseCode.h"
-#include "Platform/Object.h"
+#include "Platform/Serialization/Object.h"
 
 class VKQVeskRequest;
 

@@ -11,7 +11,7 @@
 #include <optional>
 #include <span>
 
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 namespace Deflate {
 

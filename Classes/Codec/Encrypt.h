@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <span>
 
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 namespace Encrypt {
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "Classes/Codec/ByteOrder.h"
-#include "Platform/Assert.h"
+#include "Platform/Base/Assert.h"
 
 using vkq::platform::Bytes;
 

@@ -33,8 +33,8 @@
 #include <string_view>
 
 #include "Classes/Codec/NRDStringEncoding.h"
-#include "Platform/Bytes.h"
-#include "Platform/URL.h"
+#include "Platform/Base/Bytes.h"
+#include "Platform/HTTP/URL.h"
 
 class NRDByteArray {
  public:

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 enum class NRDStringEncoding {
   UTF8,

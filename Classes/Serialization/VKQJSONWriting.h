@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <optional>
 
-#include "Platform/Bytes.h"
-#include "Platform/Error.h"
-#include "Platform/Object.h"
+#include "Platform/Base/Bytes.h"
+#include "Platform/Base/Error.h"
+#include "Platform/Serialization/Object.h"
 
 // Option bits of the JSON writer; 0 writes compact JSON with "/" escaped as "\/".
 enum VKQJSONWritingOptions : std::uint64_t {

@@ -7,7 +7,7 @@
 #include "Classes/Codec/ByteOrder.h"
 #include "Classes/Codec/Encrypt.h"
 #include "Classes/VKQVeskRequest.h"
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 VKQKXPFrameSettings VKQKXPFrameSettings::fromRequest(const VKQVeskRequest& request) {
   VKQKXPFrameSettings settings;

@@ -36,7 +36,7 @@
 #include <span>
 #include <string>
 
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 class VKQVeskRequest;
 

@@ -18,7 +18,7 @@
 #include <string>
 
 #include "Classes/Serialization/VKQKXPFrameLayout.h"
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 // What parseRequestFrame found: the payload, or why the frame was refused.
 class [[nodiscard]] VKQKXPParsedFrame {

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "Platform/Error.h"
+#include "Platform/Base/Error.h"
 
 class VKQVeskRequest;
 class VKQVeskResult;

@@ -20,8 +20,8 @@
 #include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/MainQueue.h"
-#include "Platform/NetworkReachabilityManager.h"
+#include "Platform/Base/MainQueue.h"
+#include "Platform/Reachability/NetworkReachabilityManager.h"
 #include "Tests/Classes/LogCapture.h"
 #include "Tests/Support/TestServer.h"
 

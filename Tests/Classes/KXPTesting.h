@@ -14,7 +14,7 @@
 #include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
 #include "Classes/Serialization/VKQKXPFrameLayout.h"
 #include "Classes/VKQVeskRequest.h"
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 namespace kxp_testing {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Log.h"
+#include "Platform/Base/Log.h"
 
 namespace vkq::testing {
 

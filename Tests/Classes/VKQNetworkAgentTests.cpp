@@ -8,7 +8,7 @@
 #include "Classes/Serialization/Request/VKQJSONRequestSerializer.h"
 #include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
 #include "Classes/VKQVesk.h"
-#include "Platform/Assert.h"
+#include "Platform/Base/Assert.h"
 #include "Tests/Classes/AgentTestSupport.h"
 
 namespace {

@@ -9,9 +9,9 @@
 #include "Classes/VKQResponseCode.h"
 #include "Classes/VKQVesk.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/Assert.h"
-#include "Platform/HTTPSessionManager.h"
-#include "Platform/URLSessionTask.h"
+#include "Platform/Base/Assert.h"
+#include "Platform/Session/HTTPSessionManager.h"
+#include "Platform/Session/URLSessionTask.h"
 
 namespace {
 

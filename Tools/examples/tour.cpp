@@ -12,7 +12,7 @@
 
 #include "Classes/VKQVesk.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/MainQueue.h"
+#include "Platform/Base/MainQueue.h"
 
 using vkq::platform::MainQueue;
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Log.h"
-#include "Platform/MainQueue.h"
+#include "Platform/Base/Log.h"
+#include "Platform/Base/MainQueue.h"
 #include "Tools/vkq/Client/Client.h"
 #include "Tools/vkq/CommandLine/CommandLine.h"
 #include "Tools/vkq/ExitStatus.h"

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "Platform/HTTPRequestSerializer.h"
+#include "Platform/Serialization/HTTPRequestSerializer.h"
 
 class VKQVeskRequest;
 

@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "Classes/Serialization/Request/VKQHTTPRequestSerializer.h"
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 // Domain of framing errors (code -1016, failure reason "kxp request serializer error").
 inline constexpr const char* VKQKXPRequestSerializerErrorDomain = "com.error.serialization.request";

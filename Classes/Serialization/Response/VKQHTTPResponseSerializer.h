@@ -1,6 +1,6 @@
 // Base of the binary-protocol response serializer: the platform response serializer.
 #pragma once
 
-#include "Platform/HTTPResponseSerializer.h"
+#include "Platform/Serialization/HTTPResponseSerializer.h"
 
 class VKQHTTPResponseSerializer : public vkq::platform::HTTPResponseSerializer {};

@@ -2,8 +2,8 @@
 
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/Assert.h"
-#include "Platform/Log.h"
+#include "Platform/Base/Assert.h"
+#include "Platform/Base/Log.h"
 
 using vkq::platform::ErrorPtr;
 using vkq::platform::Object;

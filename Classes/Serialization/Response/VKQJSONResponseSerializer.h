@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "Classes/Serialization/VKQResponseDeserializer.h"
-#include "Platform/HTTPResponseSerializer.h"
+#include "Platform/Serialization/HTTPResponseSerializer.h"
 
 class VKQJSONResponseSerializer : public vkq::platform::JSONResponseSerializer, public VKQResponseDeserializer {
  public:

@@ -6,8 +6,8 @@
 #include "Classes/VKQResponseCode.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/Assert.h"
-#include "Platform/Log.h"
+#include "Platform/Base/Assert.h"
+#include "Platform/Base/Log.h"
 
 using vkq::platform::Bytes;
 using vkq::platform::ErrorPtr;

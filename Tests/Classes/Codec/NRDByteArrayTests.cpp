@@ -11,8 +11,8 @@
 
 #include <unistd.h>
 
-#include "Platform/Assert.h"
-#include "Platform/URL.h"
+#include "Platform/Base/Assert.h"
+#include "Platform/HTTP/URL.h"
 
 namespace {
 

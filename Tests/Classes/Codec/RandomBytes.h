@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <random>
 
-#include "Platform/Bytes.h"
+#include "Platform/Base/Bytes.h"
 
 namespace codec_reference {
 

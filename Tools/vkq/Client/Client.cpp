@@ -13,7 +13,7 @@
 
 #include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/URLSessionTask.h"
+#include "Platform/Session/URLSessionTask.h"
 #include "Tools/vkq/Client/Exchange.h"
 #include "Tools/vkq/Client/ProgressBar.h"
 #include "Tools/vkq/Client/ToolVesk.h"

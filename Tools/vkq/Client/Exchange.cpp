@@ -4,7 +4,7 @@
 
 #include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/MainQueue.h"
+#include "Platform/Base/MainQueue.h"
 
 namespace vkq::tool {
 

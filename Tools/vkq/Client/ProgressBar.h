@@ -14,7 +14,7 @@
 #include <optional>
 #include <string>
 
-#include "Platform/Progress.h"
+#include "Platform/Base/Progress.h"
 
 namespace vkq::tool {
 

@@ -20,7 +20,7 @@
 
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Classes/VKQVeskRequest.h"
-#include "Platform/Object.h"
+#include "Platform/Serialization/Object.h"
 #include "Tools/vkq/CommandLine/ArgumentParser.h"
 
 namespace vkq::tool {

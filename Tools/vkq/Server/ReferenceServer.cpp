@@ -10,7 +10,7 @@
 #include <thread>
 #include <variant>
 
-#include "Platform/Object.h"
+#include "Platform/Serialization/Object.h"
 #include "Tools/vkq/Server/FileResponder.h"
 
 namespace vkq::tool {

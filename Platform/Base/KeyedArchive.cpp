@@ -1,0 +1,166 @@
+#include "Platform/Base/KeyedArchive.h"
+
+#include <plist/plist.h>
+
+#include <cstdlib>
+#include <limits>
+
+namespace vkq::platform {
+namespace {
+
+struct PlistDeleter {
+  void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistPtr = std::unique_ptr<void, PlistDeleter>;
+
+std::optional<std::string> stringValue(plist_t node) {
+  if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
+  std::uint64_t length = 0;
+  const char* text = plist_get_string_ptr(node, &length);
+  return text != nullptr ? std::optional<std::string>(std::string(text, length)) : std::nullopt;
+}
+
+}  // namespace
+
+// --- KeyedArchiver ---
+
+struct KeyedArchiver::Impl {
+  PlistPtr root{plist_new_dict()};
+
+  void set(std::string_view key, plist_t value) { plist_dict_set_item(root.get(), std::string(key).c_str(), value); }
+};
+
+KeyedArchiver::KeyedArchiver() : impl_(std::make_unique<Impl>()) {}
+KeyedArchiver::~KeyedArchiver() = default;
+
+// Property lists store integers unsigned; a negative value travels as its two's
+// complement and comes back the same.
+void KeyedArchiver::encodeInteger(std::int64_t value, std::string_view key) {
+  impl_->set(key, plist_new_uint(static_cast<std::uint64_t>(value)));
+}
+
+void KeyedArchiver::encodeBool(bool value, std::string_view key) { impl_->set(key, plist_new_bool(value ? 1 : 0)); }
+
+void KeyedArchiver::encodeDouble(double value, std::string_view key) { impl_->set(key, plist_new_real(value)); }
+
+void KeyedArchiver::encodeString(std::string_view value, std::string_view key) {
+  impl_->set(key, plist_new_string(std::string(value).c_str()));
+}
+
+void KeyedArchiver::encodeStrings(const std::vector<std::string>& values, std::string_view key) {
+  plist_t array = plist_new_array();
+  for (const auto& value : values) plist_array_append_item(array, plist_new_string(value.c_str()));
+  impl_->set(key, array);
+}
+
+void KeyedArchiver::encodeStringPairs(const std::vector<std::pair<std::string, std::string>>& pairs,
+                                      std::string_view key) {
+  plist_t dict = plist_new_dict();
+  for (const auto& [name, value] : pairs) plist_dict_set_item(dict, name.c_str(), plist_new_string(value.c_str()));
+  impl_->set(key, dict);
+}
+
+Bytes KeyedArchiver::encodedData() const {
+  char* buffer = nullptr;
+  std::uint32_t length = 0;
+  plist_to_bin(impl_->root.get(), &buffer, &length);
+  Bytes data(buffer, buffer + (buffer != nullptr ? length : 0));
+  plist_to_bin_free(buffer);
+  return data;
+}
+
+// --- KeyedUnarchiver ---
+
+struct KeyedUnarchiver::Impl {
+  PlistPtr root;
+
+  // The value under `key` if it has the given type.
+  plist_t item(std::string_view key, plist_type type) const {
+    plist_t node = plist_dict_get_item(root.get(), std::string(key).c_str());
+    return node != nullptr && plist_get_node_type(node) == type ? node : nullptr;
+  }
+};
+
+KeyedUnarchiver::KeyedUnarchiver(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+KeyedUnarchiver::~KeyedUnarchiver() = default;
+KeyedUnarchiver::KeyedUnarchiver(KeyedUnarchiver&&) noexcept = default;
+KeyedUnarchiver& KeyedUnarchiver::operator=(KeyedUnarchiver&&) noexcept = default;
+
+std::optional<KeyedUnarchiver> KeyedUnarchiver::unarchiverWithData(const Bytes& data) {
+  if (data.empty() || data.size() > std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
+  plist_t parsed = nullptr;
+  plist_from_memory(reinterpret_cast<const char*>(data.data()), static_cast<std::uint32_t>(data.size()), &parsed);
+  PlistPtr root(parsed);
+  if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return std::nullopt;
+  auto impl = std::make_unique<Impl>();
+  impl->root = std::move(root);
+  return KeyedUnarchiver(std::move(impl));
+}
+
+bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
+  return plist_dict_get_item(impl_->root.get(), std::string(key).c_str()) != nullptr;
+}
+
+std::optional<std::int64_t> KeyedUnarchiver::decodeInteger(std::string_view key) const {
+  plist_t node = impl_->item(key, PLIST_UINT);
+  if (node == nullptr) return std::nullopt;
+  std::uint64_t value = 0;
+  plist_get_uint_val(node, &value);
+  return static_cast<std::int64_t>(value);
+}
+
+std::optional<bool> KeyedUnarchiver::decodeBool(std::string_view key) const {
+  plist_t node = impl_->item(key, PLIST_BOOLEAN);
+  if (node == nullptr) return std::nullopt;
+  std::uint8_t value = 0;
+  plist_get_bool_val(node, &value);
+  return value != 0;
+}
+
+std::optional<double> KeyedUnarchiver::decodeDouble(std::string_view key) const {
+  plist_t node = impl_->item(key, PLIST_REAL);
+  if (node == nullptr) return std::nullopt;
+  double value = 0;
+  plist_get_real_val(node, &value);
+  return value;
+}
+
+std::optional<std::string> KeyedUnarchiver::decodeString(std::string_view key) const {
+  return stringValue(impl_->item(key, PLIST_STRING));
+}
+
+std::optional<std::vector<std::string>> KeyedUnarchiver::decodeStrings(std::string_view key) const {
+  plist_t array = impl_->item(key, PLIST_ARRAY);
+  if (array == nullptr) return std::nullopt;
+  std::vector<std::string> values;
+  const std::uint32_t count = plist_array_get_size(array);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    auto value = stringValue(plist_array_get_item(array, i));
+    if (!value) return std::nullopt;
+    values.push_back(std::move(*value));
+  }
+  return values;
+}
+
+std::optional<std::vector<std::pair<std::string, std::string>>> KeyedUnarchiver::decodeStringPairs(
+    std::string_view key) const {
+  plist_t dict = impl_->item(key, PLIST_DICT);
+  if (dict == nullptr) return std::nullopt;
+  std::vector<std::pair<std::string, std::string>> pairs;
+  plist_dict_iter iter = nullptr;
+  plist_dict_new_iter(dict, &iter);
+  const std::unique_ptr<void, decltype(&std::free)> iterOwner(iter, &std::free);
+  for (;;) {
+    char* name = nullptr;
+    plist_t node = nullptr;
+    plist_dict_next_item(dict, iter, &name, &node);
+    const std::unique_ptr<char, decltype(&std::free)> nameOwner(name, &std::free);
+    if (node == nullptr) break;
+    auto value = stringValue(node);
+    if (!value) return std::nullopt;
+    pairs.emplace_back(name != nullptr ? name : "", std::move(*value));
+  }
+  return pairs;
+}
+
+}  // namespace vkq::platform

@@ -1,0 +1,95 @@
+#include "Platform/Serialization/HTTPResponseSerializer.h"
+
+namespace vkq::platform {
+namespace {
+
+const Bytes& bodyBytes(const Object& data) {
+  static const Bytes kEmpty;
+  return data.isData() ? *data.data() : kEmpty;
+}
+
+// An answer failure of kURLErrorDomain carrying the response and the body.
+ErrorPtr answerError(std::int64_t code, std::string description, const HTTPResponse& response, const Object& data) {
+  ErrorUserInfo info;
+  info.localizedDescription = std::move(description);
+  if (response.url) info.failingURL = response.url->absoluteString();
+  info.response = std::make_shared<const HTTPResponse>(response);
+  if (data.isData()) info.responseData = *data.data();
+  return makeError(kURLErrorDomain, code, std::move(info));
+}
+
+std::set<int> successfulStatusCodes() {
+  std::set<int> codes;
+  for (int code = 200; code < 300; ++code) codes.insert(code);
+  return codes;
+}
+
+}  // namespace
+
+std::shared_ptr<HTTPResponseSerializer> HTTPResponseSerializer::serializer() {
+  return std::make_shared<HTTPResponseSerializer>();
+}
+
+HTTPResponseSerializer::HTTPResponseSerializer() : acceptableStatusCodes_(successfulStatusCodes()) {}
+
+HTTPResponseSerializer::~HTTPResponseSerializer() = default;
+
+bool HTTPResponseSerializer::validateResponse(const HTTPResponse* response, const Object& data,
+                                              ErrorPtr* error) const {
+  if (response == nullptr) return true;
+  const int status = response->statusCode;
+  if (acceptableStatusCodes_ && !acceptableStatusCodes_->contains(status)) {
+    setError(error, answerError(kURLErrorBadServerResponse,
+                                "Request failed: " + HTTPResponse::localizedStringForStatusCode(status) + " (" +
+                                    std::to_string(status) + ")",
+                                *response, data));
+    return false;
+  }
+  if (!acceptableContentTypes_) return true;
+  const std::optional<std::string> type = response->MIMEType();
+  const bool typeMatters = type.has_value() || !bodyBytes(data).empty();
+  if (typeMatters && !(type && acceptableContentTypes_->contains(*type))) {
+    setError(error, answerError(kURLErrorCannotDecodeContentData,
+                                "Request failed: unacceptable content-type: " + type.value_or("(null)"), *response,
+                                data));
+    return false;
+  }
+  return true;
+}
+
+Object HTTPResponseSerializer::responseObjectForResponse(const HTTPResponse* response, const Object& data,
+                                                         ErrorPtr* error) const {
+  validateResponse(response, data, error);
+  return data;
+}
+
+std::shared_ptr<JSONResponseSerializer> JSONResponseSerializer::serializer() {
+  return std::make_shared<JSONResponseSerializer>();
+}
+
+JSONResponseSerializer::JSONResponseSerializer() {
+  setAcceptableContentTypes(std::set<std::string>{"application/json", "text/json", "text/javascript"});
+}
+
+Object JSONResponseSerializer::responseObjectForResponse(const HTTPResponse* response, const Object& data,
+                                                         ErrorPtr* error) const {
+  if (!validateResponse(response, data, error)) return Object();
+  const Bytes& body = bodyBytes(data);
+  // Some servers answer "nothing" with a single space.
+  if (body.empty() || (body.size() == 1 && body[0] == ' ')) return Object();
+  JSON parsed = JSON::parse(body.begin(), body.end(), nullptr, false);
+  if (parsed.is_discarded()) {
+    ErrorUserInfo info;
+    info.localizedDescription = "The data couldn't be read because it isn't in the correct format.";
+    if (response != nullptr) {
+      if (response->url) info.failingURL = response->url->absoluteString();
+      info.response = std::make_shared<const HTTPResponse>(*response);
+    }
+    info.responseData = body;
+    setError(error, makeError(kURLErrorDomain, kURLErrorCannotDecodeContentData, std::move(info)));
+    return Object();
+  }
+  return Object(std::move(parsed));
+}
+
+}  // namespace vkq::platform

@@ -1,0 +1,59 @@
+// Response serializers: validate an answer and turn its body into an object.
+//
+// Stateless after configuration; safe to call from several threads at once.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "Platform/Base/Error.h"
+#include "Platform/HTTP/HTTPResponse.h"
+#include "Platform/Serialization/Object.h"
+
+namespace vkq::platform {
+
+class HTTPResponseSerializer {
+ public:
+  static std::shared_ptr<HTTPResponseSerializer> serializer();
+
+  HTTPResponseSerializer();
+  virtual ~HTTPResponseSerializer();
+
+  // Statuses accepted; default 200-299; absent accepts every status.
+  const std::optional<std::set<int>>& acceptableStatusCodes() const { return acceptableStatusCodes_; }
+  void setAcceptableStatusCodes(std::optional<std::set<int>> codes) { acceptableStatusCodes_ = std::move(codes); }
+  // MIME types accepted; absent (the default here) accepts every type.
+  const std::optional<std::set<std::string>>& acceptableContentTypes() const { return acceptableContentTypes_; }
+  void setAcceptableContentTypes(std::optional<std::set<std::string>> types) {
+    acceptableContentTypes_ = std::move(types);
+  }
+
+  // Checks the status, then the content type when the body is non-empty or the
+  // response names a MIME type. A failure is an error of kURLErrorDomain:
+  // kURLErrorBadServerResponse for the status, kURLErrorCannotDecodeContentData for
+  // the type, carrying the response and the body. An absent response passes.
+  bool validateResponse(const HTTPResponse* response, const Object& data, ErrorPtr* error) const;
+
+  // Validates and returns the raw body, also when validation fails.
+  virtual Object responseObjectForResponse(const HTTPResponse* response, const Object& data, ErrorPtr* error) const;
+
+ private:
+  std::optional<std::set<int>> acceptableStatusCodes_;
+  std::optional<std::set<std::string>> acceptableContentTypes_;
+};
+
+// Answers in JSON: acceptable types application/json, text/json, text/javascript.
+// An empty body or a single space gives absent without an error; malformed JSON is an
+// error (kURLErrorCannotDecodeContentData); after a validation failure the body is not
+// parsed and absent is returned.
+class JSONResponseSerializer : public HTTPResponseSerializer {
+ public:
+  static std::shared_ptr<JSONResponseSerializer> serializer();
+
+  JSONResponseSerializer();
+  Object responseObjectForResponse(const HTTPResponse* response, const Object& data, ErrorPtr* error) const override;
+};
+
+}  // namespace vkq::platform

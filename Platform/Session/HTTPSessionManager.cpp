@@ -1,0 +1,111 @@
+#include "Platform/Session/HTTPSessionManager.h"
+
+#include <system_error>
+
+#include "Platform/Transport/DataTaskBody.h"
+#include "Platform/Transport/DownloadTaskBody.h"
+#include "Platform/Transport/ResumeData.h"
+#include "Platform/Transport/SessionEngine.h"
+#include "Platform/Transport/SessionTransfer.h"
+
+namespace vkq::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+// libcurl's receive buffer for downloads: pieces large enough to go to the file
+// directly, small enough to stay in the core's cache between the receive and the write
+// (512 KiB measured slower).
+constexpr long kDownloadBufferSize = 100 * 1024;
+
+// The resume data's partial file, checked: it must lie in our folder and hold exactly
+// the bytes the data counts.
+void checkPartialFile(const ResumeData& resume) {
+  std::error_code error;
+  const fs::path file = fs::weakly_canonical(resume.partialFilePath, error);
+  const fs::path folder = fs::weakly_canonical(HTTPSessionManager::partialDownloadsFolder(), error);
+  if (error || file.parent_path() != folder) {
+    throw ResumeDataRefused("the partial file is not in the partial downloads folder");
+  }
+  if (!fs::is_regular_file(file, error)) throw ResumeDataRefused("the partial file is missing");
+  const auto size = fs::file_size(file, error);
+  if (error || size != static_cast<std::uintmax_t>(resume.bytesReceived)) {
+    throw ResumeDataRefused("the partial file's size differs from the resume data");
+  }
+}
+
+// A task of type Task over a new transfer of `request` into a body of type Body.
+template <typename Task, typename Body, typename... BodyArguments>
+std::shared_ptr<Task> makeTask(const std::shared_ptr<SessionEngine>& engine, std::shared_ptr<const URLRequest> request,
+                               SessionTransfer::Options options, BodyArguments&&... bodyArguments) {
+  return std::make_shared<Task>(std::make_shared<SessionTransferWith<Body>>(
+      engine, std::move(request), std::move(options), std::forward<BodyArguments>(bodyArguments)...));
+}
+
+}  // namespace
+
+std::shared_ptr<HTTPSessionManager> HTTPSessionManager::manager() { return std::make_shared<HTTPSessionManager>(); }
+
+HTTPSessionManager::HTTPSessionManager()
+    : engine_(std::make_shared<SessionEngine>()), reachability_(std::make_shared<NetworkReachabilityManager>()) {}
+
+HTTPSessionManager::~HTTPSessionManager() = default;
+
+std::shared_ptr<HTTPResponseSerializer> HTTPSessionManager::responseSerializer() const {
+  return engine_->responseSerializer()->get();
+}
+
+void HTTPSessionManager::setResponseSerializer(std::shared_ptr<HTTPResponseSerializer> serializer) {
+  engine_->responseSerializer()->set(serializer ? std::move(serializer) : HTTPResponseSerializer::serializer());
+}
+
+std::size_t HTTPSessionManager::maximumDataLength() const { return maximumDataLength_.load(); }
+
+void HTTPSessionManager::setMaximumDataLength(std::size_t bytes) { maximumDataLength_.store(bytes); }
+
+fs::path HTTPSessionManager::partialDownloadsFolder() {
+  std::error_code error;
+  fs::path temporary = fs::temp_directory_path(error);
+  if (error) temporary = "/tmp";
+  return temporary / "vkq-partial-downloads";
+}
+
+std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(const URLRequest& request,
+                                                                            ProgressBlock uploadProgress,
+                                                                            ProgressBlock downloadProgress,
+                                                                            DataTaskCompletion completionHandler) {
+  auto shared = std::make_shared<const URLRequest>(request);
+  return makeTask<URLSessionDataTask, DataTaskBody>(engine_, shared,
+                                                    {std::move(uploadProgress), std::move(downloadProgress), 0},
+                                                    maximumDataLength(), shared, engine_->responseSerializer(),
+                                                    std::move(completionHandler));
+}
+
+std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequest(
+    const URLRequest& request, ProgressBlock progress, DownloadDestination destination,
+    DownloadTaskCompletion completionHandler) {
+  return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
+      engine_, std::make_shared<const URLRequest>(request), {nullptr, std::move(progress), kDownloadBufferSize},
+      partialDownloadsFolder(), request,
+      DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
+}
+
+std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResumeData(
+    const Bytes& resumeData, ProgressBlock progress, DownloadDestination destination,
+    DownloadTaskCompletion completionHandler) {
+  std::string reason;
+  const auto resume = ResumeData::decode(resumeData, reason);
+  if (!resume) throw ResumeDataRefused("resume data refused: " + reason);
+  URLRequest request = DownloadTaskBody::requestForResumeData(*resume);
+  if (!request.url || (request.url->scheme() != "http" && request.url->scheme() != "https")) {
+    throw ResumeDataRefused("resume data refused: not an HTTP URL");
+  }
+  checkPartialFile(*resume);
+
+  return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
+      engine_, std::make_shared<const URLRequest>(std::move(request)),
+      {nullptr, std::move(progress), kDownloadBufferSize}, *resume,
+      DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
+}
+
+}  // namespace vkq::platform

@@ -1,0 +1,126 @@
+// The HTTP session manager: makes data and download tasks and runs them.
+//
+// Transport: one libcurl multi handle driven by one worker thread per manager, so
+// requests share connections (keep-alive, HTTP/2 over TLS when the server offers it)
+// and no thread is made per request. Like the platform's default session, a manager
+// follows up to 16 redirects, decodes gzip, deflate and br answers transparently,
+// keeps an in-memory cookie store shared by its tasks (Set-Cookie is stored, matching
+// cookies are sent), honours the proxy settings of the environment and verifies TLS
+// peers. A request's timeoutInterval is an idle time-out: the task fails with
+// kURLErrorTimedOut when no data has moved for that long, connection set-up included;
+// a slow but steady transfer may last longer.
+//
+// Outcomes: every completion handler runs exactly once per task (success, failure or
+// cancellation) on the manager's completion queue, a serial queue of its own that is
+// neither the worker thread nor the main queue. Progress and destination callbacks run
+// on the same queue, before the task's completion handler. An exception thrown by any
+// callback is caught and dropped.
+//
+// Thread-safe. Destroying the manager cancels the tasks still running (their handlers
+// run with kURLErrorCancelled) and waits for the handlers already queued; a task
+// resumed after its manager is gone completes at once with kURLErrorCancelled, without
+// calling its handler.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "Platform/Base/Bytes.h"
+#include "Platform/Base/Error.h"
+#include "Platform/HTTP/HTTPResponse.h"
+#include "Platform/Serialization/HTTPResponseSerializer.h"
+#include "Platform/Reachability/NetworkReachabilityManager.h"
+#include "Platform/Serialization/Object.h"
+#include "Platform/Base/Progress.h"
+#include "Platform/HTTP/URL.h"
+#include "Platform/HTTP/URLRequest.h"
+#include "Platform/Session/URLSessionTask.h"
+
+namespace vkq::platform {
+
+class SessionEngine;
+
+// Largest answer body a data task keeps in memory by default (64 MiB). A longer
+// (decoded) body fails the task with kURLErrorDataLengthExceedsMaximum, so neither an
+// endless answer nor a compression bomb can exhaust memory. Downloads have no limit.
+inline constexpr std::size_t kMaximumDataTaskBodyLength = std::size_t{64} << 20;
+
+// Thrown by downloadTaskWithResumeData() for resume data it cannot continue from.
+class ResumeDataRefused : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class HTTPSessionManager {
+ public:
+  // A new manager with a plain HTTPResponseSerializer (statuses 200-299).
+  static std::shared_ptr<HTTPSessionManager> manager();
+
+  HTTPSessionManager();
+  ~HTTPSessionManager();
+  HTTPSessionManager(const HTTPSessionManager&) = delete;
+  HTTPSessionManager& operator=(const HTTPSessionManager&) = delete;
+
+  // Validates every answer and, for data tasks, turns its body into the response
+  // object. Read when a task completes, so a change applies to tasks that complete
+  // later. Never null: setting null restores a plain HTTPResponseSerializer.
+  std::shared_ptr<HTTPResponseSerializer> responseSerializer() const;
+  void setResponseSerializer(std::shared_ptr<HTTPResponseSerializer> serializer);
+
+  std::shared_ptr<NetworkReachabilityManager> reachabilityManager() const { return reachability_; }
+
+  // The body limit of data tasks made from now on (default kMaximumDataTaskBodyLength).
+  std::size_t maximumDataLength() const;
+  void setMaximumDataLength(std::size_t bytes);
+
+  // Where partial downloads lie until they complete: a folder of this process under
+  // the temporary directory (TMPDIR). Resume data refers to files in it.
+  static std::filesystem::path partialDownloadsFolder();
+
+  // Data task: the body is collected in memory. The completion handler receives the
+  // final answer's head (absent when none arrived), the response object the response
+  // serializer made of the body, and the error: the transport's (the response object
+  // is then absent) or the serializer's (e.g. a status outside 200-299; the response
+  // object is then still the body). Progress callbacks may be empty.
+  using DataTaskCompletion =
+      std::function<void(std::shared_ptr<const HTTPResponse> response, Object responseObject, ErrorPtr error)>;
+  std::shared_ptr<URLSessionDataTask> dataTaskWithRequest(const URLRequest& request, ProgressBlock uploadProgress,
+                                                          ProgressBlock downloadProgress,
+                                                          DataTaskCompletion completionHandler);
+
+  // Download task: the body is streamed to a temporary file. When the answer is
+  // complete and valid, `destination` (may be empty) is asked for a file URL; the file
+  // is moved there (replacing a file that is in the way) and its URL handed to the
+  // completion handler. Without a destination, or after a failure, the file is
+  // removed and the file path is absent. A status outside what the response serializer
+  // accepts is an error and nothing is moved. A failed download whose server sent a
+  // validator (ETag or Last-Modified) and that wrote bytes carries resume data in
+  // error->userInfo().resumeData.
+  using DownloadDestination = std::function<URL(const URL& temporaryFile, std::shared_ptr<const HTTPResponse> response)>;
+  using DownloadTaskCompletion =
+      std::function<void(std::shared_ptr<const HTTPResponse> response, std::optional<URL> filePath, ErrorPtr error)>;
+  std::shared_ptr<URLSessionDownloadTask> downloadTaskWithRequest(const URLRequest& request, ProgressBlock progress,
+                                                                  DownloadDestination destination,
+                                                                  DownloadTaskCompletion completionHandler);
+  // Continues a download from its resume data with a Range request guarded by
+  // If-Range: the rest is appended to the partial file; when the server sends the
+  // whole (changed) entity instead, the download starts over. Throws
+  // ResumeDataRefused when the data is not resume data of this transport, or its
+  // partial file is missing or of another size. Use the resume data for one task only.
+  std::shared_ptr<URLSessionDownloadTask> downloadTaskWithResumeData(const Bytes& resumeData, ProgressBlock progress,
+                                                                     DownloadDestination destination,
+                                                                     DownloadTaskCompletion completionHandler);
+
+ private:
+  const std::shared_ptr<SessionEngine> engine_;
+  const std::shared_ptr<NetworkReachabilityManager> reachability_;
+  std::atomic<std::size_t> maximumDataLength_{kMaximumDataTaskBodyLength};
+};
+
+}  // namespace vkq::platform

@@ -1,0 +1,80 @@
+#include "Platform/Session/URLSessionTask.h"
+
+#include "Platform/Transport/DownloadTaskBody.h"
+#include "Platform/Transport/SessionTransfer.h"
+
+namespace vkq::platform {
+
+URLSessionTask::URLSessionTask(std::shared_ptr<SessionTransfer> transfer)
+    : transfer_(std::move(transfer)), record_(transfer_->record()) {}
+
+URLSessionTask::~URLSessionTask() = default;
+
+std::uint64_t URLSessionTask::taskIdentifier() const { return record_.identifier; }
+
+void URLSessionTask::resume() { transfer_->resume(); }
+
+void URLSessionTask::suspend() { transfer_->suspend(); }
+
+void URLSessionTask::cancel() { transfer_->cancel(); }
+
+URLSessionTaskState URLSessionTask::state() const {
+  std::lock_guard lock(record_.mutex);
+  return record_.state;
+}
+
+std::optional<URLRequest> URLSessionTask::originalRequest() const {
+  if (!record_.originalRequest) return std::nullopt;
+  return *record_.originalRequest;
+}
+
+std::optional<URLRequest> URLSessionTask::currentRequest() const {
+  SharedRequest current;
+  {
+    std::lock_guard lock(record_.mutex);
+    current = record_.currentRequest;
+  }
+  if (!current) return std::nullopt;
+  return *current;
+}
+
+std::shared_ptr<const HTTPResponse> URLSessionTask::response() const {
+  std::lock_guard lock(record_.mutex);
+  return record_.response;
+}
+
+ErrorPtr URLSessionTask::error() const {
+  std::lock_guard lock(record_.mutex);
+  return record_.error;
+}
+
+std::int64_t URLSessionTask::countOfBytesReceived() const {
+  return record_.bytesReceived.load(std::memory_order_relaxed);
+}
+
+std::int64_t URLSessionTask::countOfBytesExpectedToReceive() const {
+  return record_.bytesExpected.load(std::memory_order_relaxed);
+}
+
+URLSessionDataTask::URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer)
+    : URLSessionTask(std::move(transfer)) {}
+
+URLSessionDownloadTask::URLSessionDownloadTask(std::shared_ptr<SessionTransfer> transfer)
+    : URLSessionTask(std::move(transfer)) {}
+
+void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std::optional<Bytes>)> handler) {
+  // Download tasks are only ever made with a download body.
+  auto& body = static_cast<DownloadTaskBody&>(transfer()->sink());
+  if (!body.requestResumeData(handler)) {
+    transfer()->postToCompletionQueue([handler = std::move(handler)] {
+      try {
+        if (handler) handler(std::nullopt);
+      } catch (...) {
+        // As for every callback of the queue.
+      }
+    });
+  }
+  cancel();
+}
+
+}  // namespace vkq::platform

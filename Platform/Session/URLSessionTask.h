@@ -1,0 +1,99 @@
+// Session tasks: the handle an application keeps for one HTTP exchange run by an
+// HTTPSessionManager.
+//
+// A task is an identity object made by a session manager, never by the application. It
+// is created suspended; resume() starts the exchange, suspend() pauses it, cancel()
+// stops it. Every accessor and operation is thread-safe and may be called from any
+// thread, including from the manager's completion handlers. The manager delivers the
+// outcome (exactly once per task, also after cancel()) to the completion handler given
+// when the task was made.
+//
+// Keeping a task alive is not needed for it to run: once resumed, the exchange keeps
+// what it needs until its completion handler has run.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "Platform/Base/Bytes.h"
+#include "Platform/Base/Error.h"
+#include "Platform/HTTP/HTTPResponse.h"
+#include "Platform/HTTP/URLRequest.h"
+
+namespace vkq::platform {
+
+class SessionTransfer;
+struct TaskRecord;
+
+enum class URLSessionTaskState { Running = 0, Suspended = 1, Canceling = 2, Completed = 3 };
+
+class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
+ public:
+  virtual ~URLSessionTask();
+  URLSessionTask(const URLSessionTask&) = delete;
+  URLSessionTask& operator=(const URLSessionTask&) = delete;
+
+  // Unique within the process and increasing in the order tasks are made; never 0.
+  std::uint64_t taskIdentifier() const;
+
+  // Starts a suspended task, or lets a task paused by suspend() go on. No effect on a
+  // task that runs, is being cancelled or has completed.
+  void resume();
+  // Pauses a running task: no data moves and its idle time-out stops until resume();
+  // the server may give up on it meanwhile. No effect on a task in any other state.
+  void suspend();
+  // Stops the task: its completion handler runs with kURLErrorCancelled, unless the
+  // exchange had already finished. A task never resumed is cancelled without being sent.
+  // No effect on a task that is being cancelled or has completed.
+  void cancel();
+
+  URLSessionTaskState state() const;
+  // The request the task was made with; absent when made from resume data that holds
+  // no request, or when the manager was given none.
+  std::optional<URLRequest> originalRequest() const;
+  // The request as it is being sent: the original one, or the one a resumed download
+  // sends (with its Range and If-Range fields), after redirects the followed URL.
+  std::optional<URLRequest> currentRequest() const;
+  // The head of the final answer (after redirects); absent until it has arrived.
+  std::shared_ptr<const HTTPResponse> response() const;
+  // The error the task completed with; absent while it runs and after a success.
+  ErrorPtr error() const;
+
+  // Body bytes received so far (after content decoding; for a resumed download,
+  // including the bytes that were already on disk).
+  std::int64_t countOfBytesReceived() const;
+  // The expected body length, or -1 while unknown.
+  std::int64_t countOfBytesExpectedToReceive() const;
+
+ protected:
+  // Made by the session manager; `transfer` carries out the exchange.
+  explicit URLSessionTask(std::shared_ptr<SessionTransfer> transfer);
+
+  const std::shared_ptr<SessionTransfer>& transfer() const { return transfer_; }
+
+ private:
+  std::shared_ptr<SessionTransfer> transfer_;
+  TaskRecord& record_;  // the transfer's
+};
+
+// A task whose answer body is collected in memory and handed to the completion handler.
+class URLSessionDataTask : public URLSessionTask {
+ public:
+  explicit URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer);
+};
+
+// A task whose answer body is written to a temporary file, then moved where the
+// manager's destination callback says.
+class URLSessionDownloadTask : public URLSessionTask {
+ public:
+  explicit URLSessionDownloadTask(std::shared_ptr<SessionTransfer> transfer);
+
+  // Cancels the task; `handler` then runs on the manager's completion queue, before the
+  // completion handler, with resume data, or with absent when the download cannot be
+  // resumed (no validator from the server, no bytes written, already completed).
+  void cancelByProducingResumeData(std::function<void(std::optional<Bytes> resumeData)> handler);
+};
+
+}  // namespace vkq::platform

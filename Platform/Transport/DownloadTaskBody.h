@@ -1,0 +1,102 @@
+// The body sink of download tasks: streams the answer to a partial file, continues
+// from resume data, and on success moves the file where the destination callback says.
+// Internal to the transport.
+//
+// A download is a state machine; its transitions are the only place where the resume
+// bookkeeping (offset, bytes written, validator, the partial file) changes:
+//   Pending --willSend--> Transferring --didFinish--> Completed | Failed | Cancelled
+// and Transferring --shouldRestart--> Transferring when the server's answer to a
+// resume request cannot be appended (416, or a 206 starting elsewhere): the file then
+// starts over with a plain request, once.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "Platform/Transport/FileWriter.h"
+#include "Platform/Session/HTTPSessionManager.h"
+#include "Platform/Transport/ResumeData.h"
+#include "Platform/Transport/SessionEngine.h"
+#include "Platform/Transport/SessionTransfer.h"
+
+namespace vkq::platform {
+
+class DownloadTaskBody final : public BodySink {
+ public:
+  using ResumeDataHandler = std::function<void(std::optional<Bytes> resumeData)>;
+
+  struct Callbacks {
+    std::shared_ptr<ResponseSerializerSlot> serializer;
+    HTTPSessionManager::DownloadDestination destination;
+    HTTPSessionManager::DownloadTaskCompletion completion;
+  };
+
+  // A fresh download of `request` into a new file in `folder`.
+  DownloadTaskBody(std::filesystem::path folder, const URLRequest& request, Callbacks callbacks);
+  // A download continuing `resume`; its partial file must hold exactly bytesReceived.
+  DownloadTaskBody(const ResumeData& resume, Callbacks callbacks);
+
+  // The request that continues `resume`.
+  static URLRequest requestForResumeData(const ResumeData& resume);
+
+  // Any thread: keep the partial file when the download is cancelled and hand its
+  // resume data (or absent) to `handler` before the completion handler. False when
+  // the download has already ended.
+  bool requestResumeData(ResumeDataHandler handler);
+
+  ErrorPtr willSend(SharedRequest& request) override;
+  ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;
+  ErrorPtr didReceiveData(const char* data, std::size_t length) override;
+  bool shouldRestart() override;
+  ErrorPtr didFinish(ErrorPtr error, bool cancelled) override;
+  std::int64_t length() const override { return written_; }
+
+  ErrorPtr settle(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) override;
+  void deliver(const std::shared_ptr<const HTTPResponse>& response, const ErrorPtr& error) override;
+
+ private:
+  enum class State { Pending, Transferring, Completed, Failed, Cancelled };
+
+  ErrorPtr openFile();
+  ErrorPtr truncateFile();
+  ErrorPtr fileError(URLErrorCode code, const std::string& what) const;
+  bool isResumable() const;
+  void removeFile();
+  // Moves the finished file to `target`; false, with `error`, when it cannot.
+  bool moveFile(const std::filesystem::path& target, ErrorPtr& error);
+
+  const std::filesystem::path folder_;
+  const std::string url_;
+  const bool isGET_;
+  const HTTPHeaders headerFields_;
+  const double timeoutInterval_;
+  Callbacks callbacks_;
+
+  // Worker side (see BodySink).
+  State state_ = State::Pending;
+  std::filesystem::path path_;
+  std::unique_ptr<FileWriter> file_;
+  std::int64_t offset_ = 0;   // bytes kept from before when the request was sent
+  std::int64_t written_ = 0;  // bytes of the entity in the file
+  std::string validator_;
+  int status_ = 0;
+  bool rangeSent_ = false;
+  bool discarding_ = false;
+  bool restartWanted_ = false;
+  bool restarted_ = false;
+
+  std::mutex mutex_;
+  bool finished_ = false;            // guarded by mutex_
+  bool wantsResumeData_ = false;     // guarded by mutex_
+  ResumeDataHandler resumeHandler_;  // guarded by mutex_
+  std::optional<Bytes> resumeData_;  // guarded by mutex_
+
+  // Completion queue.
+  std::optional<URL> filePath_;
+};
+
+}  // namespace vkq::platform

@@ -1,0 +1,201 @@
+// The platform basics: errors, assertions, the debug log, objects and queues.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "Platform/Base/Assert.h"
+#include "Platform/Base/Error.h"
+#include "Platform/Base/Log.h"
+#include "Platform/Base/MainQueue.h"
+#include "Platform/Serialization/Object.h"
+#include "Platform/Base/SerialQueue.h"
+#include "Platform/HTTP/URL.h"
+
+namespace vkq::platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(Error, DescriptionFallsBackFromDescriptionToReasonToDomainAndCode) {
+  ErrorUserInfo info;
+  info.localizedFailureReason = "reason";
+  EXPECT_EQ(Error("d", -1016, info).localizedDescription(), "reason");
+  info.localizedDescription = "described";
+  EXPECT_EQ(Error("d", -1016, info).description(), "Error Domain=d Code=-1016 \"described\"");
+  EXPECT_EQ(Error("vkq.x", 7).localizedDescription(), "The operation couldn't be completed. (vkq.x error 7.)");
+}
+
+TEST(Assert, ParameterAssertionNamesTheConditionFileAndLine) {
+  const int count = 0;
+  const int line = __LINE__ + 2;
+  try {
+    VKQParameterAssert(count > 0 && count < 10);
+    FAIL() << "no assertion";
+  } catch (const InternalInconsistencyException& failure) {
+    EXPECT_STREQ(failure.what(), "Invalid parameter not satisfying: count > 0 && count < 10");
+    EXPECT_TRUE(failure.file().ends_with("Tests/Platform/Base/PlatformBasicsTests")) << failure.file();
+    EXPECT_EQ(failure.line(), line);
+  }
+  EXPECT_NO_THROW(VKQParameterAssert(count == 0));
+}
+
+TEST(Assert, FixedTextAssertionGoesToTheInstalledHandler) {
+  std::string seen;
+  setAssertionHandler([&seen](const AssertionFailure& failure) {
+    seen = failure.description;
+    throw 0;
+  });
+  EXPECT_THROW(VKQAssert(false, "requestTask should not be nil"), int);
+  setAssertionHandler(nullptr);
+  EXPECT_EQ(seen, "requestTask should not be nil");
+  EXPECT_THROW(VKQAssert(false, "x"), InternalInconsistencyException);
+}
+
+TEST(Assert, SourcePathsAreTrimmedToTheClassesFolder) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"/any/where/Classes/Codec/NRDByteArray.cpp", "Classes/Codec/NRDByteArray"},
+      {"Classes/VKQNetworkAgent.cpp", "Classes/VKQNetworkAgent"},
+      {"/a/Classes/b/Classes/X.cpp", "Classes/X"},  // the innermost folder
+      {"/a/MyClasses/X.cpp", "/a/MyClasses/X"},     // not a Classes folder
+      {"/a/Classes/v1.2/X", "Classes/v1.2/X"},       // a dot in a folder is kept
+      {"/src/Other.cpp", "/src/Other"},
+  };
+  for (const auto& [path, trimmed] : cases) EXPECT_EQ(sourcePathFromClasses(path), trimmed);
+}
+
+// Captures log entries while alive.
+struct LogCapture {
+  LogCapture() {
+    setLogSink([this](const LogEntry& entry) { entries.push_back(entry); });
+  }
+  ~LogCapture() { setLogSink(nullptr); }
+  std::vector<LogEntry> entries;
+};
+
+TEST(Log, RendersEachPieceIncludingAbsentObjects) {
+  LogCapture capture;
+  const std::shared_ptr<const Error> noError;
+  const char* noText = nullptr;
+  const std::optional<URL> url = URL::URLWithString("http://h/x");
+  const std::optional<URL> noURL;
+  DDDebug("request faild", 42, -7L, true, 'c', url, noURL, noError, noText, nullptr, std::string("s"),
+          makeError("d", 1));
+  const LogEntry expected{"request faild", "42", "-7", "1", "c", "http://h/x", "(null)", "(null)", "(null)",
+                          "(null)", "s", "Error Domain=d Code=1 \"The operation couldn't be completed. (d error 1.)\""};
+  EXPECT_EQ(capture.entries, std::vector<LogEntry>{expected});
+}
+
+TEST(Log, NothingIsRenderedWithoutASink) {
+  struct Counted {
+    int* calls;
+    std::string description() const { return std::to_string(++*calls); }
+  };
+  int calls = 0;
+  DDDebug("text", Counted{&calls});
+  EXPECT_EQ(calls, 0);
+  LogCapture capture;
+  DDDebug(Counted{&calls});
+  EXPECT_EQ(capture.entries, std::vector<LogEntry>{{"1"}});
+}
+
+TEST(Object, CopiesShareTheirBytesAndEqualityComparesKindAndContent) {
+  const Object original(Bytes{1, 2});
+  const Object copy = original;
+  copy.data()->push_back(3);
+  EXPECT_EQ(*original.data(), (Bytes{1, 2, 3}));
+  EXPECT_EQ(Object(Bytes{1, 2, 3}), original);
+  EXPECT_NE(Object(Bytes{1, 2}), original);
+  EXPECT_NE(Object(JSON("a")), Object(bytesFromString("a")));  // same content, other kind
+}
+
+TEST(Object, DescriptionOfEachKindAndOfAbsence) {
+  EXPECT_EQ(Object().description(), "(null)");
+  EXPECT_EQ(Object(std::shared_ptr<Bytes>()).description(), "(null)");  // no bytes is absence
+  EXPECT_EQ(Object(JSON(nullptr)).description(), "null");               // JSON null is a value
+  EXPECT_EQ(Object(JSON{{"a", 1}}).description(), "{\"a\":1}");
+  EXPECT_EQ(Object(Bytes{0x00, 0x01, 0xab, 0xff, 0x10}).description(), "<0001abff 10>");
+  EXPECT_EQ(Object(Bytes{}).description(), "<>");
+  EXPECT_EQ(Object(URL::fileURLWithPath("/tmp/x")).description(), "file:///tmp/x");
+}
+
+class MainQueueTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MainQueue::useManualDraining();
+    MainQueue::drain();
+  }
+};
+
+TEST_F(MainQueueTest, RunsJobsInPostingOrderNeverInsideTheCallerAndPastAThrowingJob) {
+  std::vector<int> order;
+  for (int i = 0; i < 5; ++i) {
+    MainQueue::async([&order, i] {
+      order.push_back(i);
+      if (i == 2) throw std::runtime_error("callback failed");
+    });
+  }
+  EXPECT_TRUE(order.empty());
+  EXPECT_EQ(MainQueue::drain(), 5u);
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_EQ(MainQueue::drain(), 0u);
+}
+
+TEST_F(MainQueueTest, AJobPostedFromAJobRunsAfterIt) {
+  std::vector<std::string> order;
+  MainQueue::async([&order] {
+    EXPECT_TRUE(MainQueue::isCurrent());
+    MainQueue::async([&order] { order.push_back("inner"); });
+    EXPECT_EQ(MainQueue::drain(), 0u);  // no re-entrant draining
+    order.push_back("outer");
+  });
+  EXPECT_FALSE(MainQueue::isCurrent());
+  MainQueue::drain();
+  EXPECT_EQ(order, (std::vector<std::string>{"outer", "inner"}));
+}
+
+TEST_F(MainQueueTest, RunUntilWaitsForJobsFromOtherThreadsOrGivesUpAfterTheTimeout) {
+  std::atomic<bool> done{false};
+  std::thread poster([&done] {
+    std::this_thread::sleep_for(20ms);
+    MainQueue::async([&done] { done = true; });
+  });
+  EXPECT_TRUE(MainQueue::runUntil([&done] { return done.load(); }, 5s));
+  poster.join();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(MainQueue::runUntil([] { return false; }, 50ms));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+}
+
+TEST(SerialQueue, RunsJobsOneAtATimeInPostingOrderOnItsOwnThreadPastThrowingJobs) {
+  std::vector<int> order;
+  std::atomic<int> running{0};
+  std::atomic<bool> overlappedOrElsewhere{false};
+  {
+    SerialQueue queue("vkq.test");
+    EXPECT_FALSE(queue.isCurrent());
+    auto post = [&](int first) {
+      for (int value = first; value < first + 200; ++value) {
+        queue.async([&, value] {
+          if (running++ != 0 || !queue.isCurrent()) overlappedOrElsewhere = true;
+          order.push_back(value);
+          --running;
+          if (value % 50 == 0) throw std::runtime_error("job failed");
+        });
+      }
+    };
+    std::thread a(post, 0), b(post, 1000);  // two posters: each one's jobs keep their order
+    a.join();
+    b.join();
+  }  // the destructor runs what was posted
+  EXPECT_FALSE(overlappedOrElsewhere);
+  const auto fromB = std::stable_partition(order.begin(), order.end(), [](int value) { return value < 1000; });
+  EXPECT_EQ(fromB - order.begin(), 200);
+  EXPECT_TRUE(std::is_sorted(order.begin(), fromB) && std::is_sorted(fromB, order.end()));
+  EXPECT_EQ(order.size(), 400u);
+}
+
+}  // namespace
+}  // namespace vkq::platform

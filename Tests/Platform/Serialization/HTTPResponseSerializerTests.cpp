@@ -1,0 +1,101 @@
+#include "Platform/Serialization/HTTPResponseSerializer.h"
+
+#include <gtest/gtest.h>
+
+namespace vkq::platform {
+namespace {
+
+// An answer from https://h/api; a null type sends no Content-Type.
+HTTPResponse answer(int status, const char* contentType = "application/json") {
+  HTTPHeaders fields;
+  if (contentType) fields.set("Content-Type", contentType);
+  return HTTPResponse(URL::URLWithString("https://h/api"), status, std::move(fields));
+}
+
+TEST(ResponseSerializer, StatusesOutside2xxFailWithTheirReasonPhrase) {
+  const auto serializer = HTTPResponseSerializer::serializer();
+  const std::pair<int, const char*> cases[] = {  // status, description (null when accepted)
+      {200, nullptr},
+      {299, nullptr},
+      {0, "Request failed: server error (0)"},
+      {199, "Request failed: informational (199)"},  // phrases of unlisted statuses follow their class
+      {304, "Request failed: not modified (304)"},
+      {401, "Request failed: unauthorized (401)"},
+      {404, "Request failed: not found (404)"},
+      {429, "Request failed: too many requests (429)"},
+      {499, "Request failed: client error (499)"},
+      {500, "Request failed: internal server error (500)"},
+      {599, "Request failed: server error (599)"},
+  };
+  const Object body(bytesFromString("{}"));
+  for (const auto& [status, description] : cases) {
+    const HTTPResponse response = answer(status);
+    ErrorPtr error;
+    EXPECT_EQ(serializer->validateResponse(&response, body, &error), description == nullptr) << status;
+    if (description == nullptr) {
+      EXPECT_FALSE(error) << status;
+      continue;
+    }
+    ASSERT_TRUE(error) << status;
+    EXPECT_EQ(error->domain(), kURLErrorDomain);
+    EXPECT_EQ(error->code(), kURLErrorBadServerResponse);
+    EXPECT_EQ(error->localizedDescription(), description);
+    EXPECT_EQ(error->userInfo().response->statusCode, status);
+    EXPECT_EQ(error->userInfo().responseData, *body.data());
+    EXPECT_EQ(error->userInfo().failingURL, "https://h/api");
+  }
+  EXPECT_EQ(HTTPResponse::localizedStringForStatusCode(200), "no error");
+  // Absent codes accept every status; an absent response always passes.
+  serializer->setAcceptableStatusCodes(std::nullopt);
+  const HTTPResponse failed = answer(500);
+  EXPECT_TRUE(serializer->validateResponse(&failed, body, nullptr));
+  EXPECT_TRUE(HTTPResponseSerializer().validateResponse(nullptr, body, nullptr));
+}
+
+TEST(JSONResponseSerializer, ParsesValidAnswersAndRefusesMalformedWronglyTypedOrFailedOnes) {
+  const JSONResponseSerializer serializer;
+  const std::tuple<int, const char*, const char*, const char*, std::int64_t> cases[] = {
+      // Status, Content-Type, body (null: none), the object parsed from it (null: absent), error code.
+      {200, "application/json", R"({"a":[1,2],"b":null})", R"({"a":[1,2],"b":null})", 0},
+      {200, "text/json", "[1]", "[1]", 0},
+      {200, "text/javascript; charset=utf-8", "1", "1", 0},
+      {200, "Application/JSON", "\"s\"", "\"s\"", 0},
+      // Empty answers give nothing, without an error.
+      {204, "application/json", nullptr, nullptr, 0},
+      {200, "application/json", "", nullptr, 0},
+      {200, "application/json", " ", nullptr, 0},
+      {200, nullptr, nullptr, nullptr, 0},  // no type and no body: nothing to check
+      // Malformed.
+      {200, "application/json", "{", nullptr, kURLErrorCannotDecodeContentData},
+      {200, "application/json", R"({"a":})", nullptr, kURLErrorCannotDecodeContentData},
+      {200, "application/json", "  ", nullptr, kURLErrorCannotDecodeContentData},  // only one space counts as empty
+      {200, "application/json", "[1,2]x", nullptr, kURLErrorCannotDecodeContentData},
+      // Refused by validation, so not parsed: the status first, then the type.
+      {200, "text/html", R"({"a":1})", nullptr, kURLErrorCannotDecodeContentData},
+      {200, "text/html", nullptr, nullptr, kURLErrorCannotDecodeContentData},  // a named type is checked
+      {200, nullptr, "{}", nullptr, kURLErrorCannotDecodeContentData},         // a body without a type
+      {500, "text/html", R"({"a":1})", nullptr, kURLErrorBadServerResponse},
+  };
+  for (const auto& [status, type, text, json, code] : cases) {
+    SCOPED_TRACE(std::string(type ? type : "(no type) ") + (text ? text : "(no body)"));
+    const HTTPResponse response = answer(status, type);
+    const Object data = text ? Object(bytesFromString(text)) : Object();
+    ErrorPtr error;
+    const Object result = serializer.responseObjectForResponse(&response, data, &error);
+    EXPECT_EQ(result, json ? Object(JSON::parse(json)) : Object());
+    EXPECT_EQ(error ? error->code() : 0, code);
+    if (error && text) {
+      EXPECT_EQ(error->userInfo().responseData, bytesFromString(text));  // the body travels with the error
+    }
+    EXPECT_EQ(serializer.responseObjectForResponse(&response, data, nullptr), result);
+  }
+  const HTTPResponse html = answer(200, "text/html; charset=utf-8"), untyped = answer(200, nullptr);
+  ErrorPtr error;
+  serializer.responseObjectForResponse(&html, Object(bytesFromString("<p>")), &error);
+  EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: text/html");
+  serializer.responseObjectForResponse(&untyped, Object(bytesFromString("<p>")), &error);
+  EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: (null)");
+}
+
+}  // namespace
+}  // namespace vkq::platform

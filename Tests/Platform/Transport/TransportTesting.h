@@ -1,0 +1,149 @@
+// Helpers shared by the transport tests: outcome collectors that wait with a time
+// limit, a task runner, request makers and scratch files.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "Platform/Session/HTTPSessionManager.h"
+
+namespace vkq::testing {
+
+using namespace std::chrono_literals;
+
+// Collects callback invocations from any thread; tests wait for a count.
+template <typename T>
+class Outcomes {
+ public:
+  // Notifies under the lock: a waiter may destroy the collector as soon as it wakes.
+  void add(T value) {
+    std::lock_guard lock(mutex_);
+    values_.push_back(std::move(value));
+    changed_.notify_all();
+  }
+  // A callback that records its arguments as one T.
+  auto collector() {
+    return [this](auto... arguments) { add(T{std::move(arguments)...}); };
+  }
+  bool waitFor(std::size_t count, std::chrono::milliseconds timeout = 20s) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return values_.size() >= count; });
+  }
+  std::vector<T> all() const {
+    std::lock_guard lock(mutex_);
+    return values_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<T> values_;
+};
+
+struct DataOutcome {
+  std::shared_ptr<const platform::HTTPResponse> response;
+  platform::Object object;
+  platform::ErrorPtr error;
+  std::thread::id thread = std::this_thread::get_id();  // the thread that delivered it
+
+  std::string body() const { return object.isData() ? platform::stringFromBytes(*object.data()) : std::string(); }
+};
+
+struct DownloadOutcome {
+  std::shared_ptr<const platform::HTTPResponse> response;
+  std::optional<platform::URL> filePath;
+  platform::ErrorPtr error;
+};
+
+// The error's code, 0 for no error.
+inline std::int64_t codeOf(const platform::ErrorPtr& error) { return error ? error->code() : 0; }
+
+inline platform::URLRequest makeRequest(const std::string& url, double timeout = 20.0) {
+  platform::URLRequest request;
+  request.url = platform::URL::URLWithString(url);
+  request.timeoutInterval = timeout;
+  return request;
+}
+
+// Runs one data task to its end and returns its outcome.
+inline DataOutcome runToEnd(platform::HTTPSessionManager& manager, const platform::URLRequest& request) {
+  Outcomes<DataOutcome> outcomes;
+  auto task = manager.dataTaskWithRequest(request, nullptr, nullptr, outcomes.collector());
+  task->resume();
+  EXPECT_TRUE(outcomes.waitFor(1));
+  EXPECT_EQ(task->state(), platform::URLSessionTaskState::Completed);
+  const auto all = outcomes.all();
+  return all.empty() ? DataOutcome{} : all.front();
+}
+
+// A scratch folder removed with the object.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "vkq-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make " + pattern);
+    path_ = pattern;
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Points TMPDIR at a folder of its own while it lives, so that files the transport
+// keeps under the temporary directory are this test's alone (tests run in parallel).
+class PrivateTemporaryDirectory {
+ public:
+  PrivateTemporaryDirectory() {
+    if (const char* previous = std::getenv("TMPDIR")) previous_ = previous;
+    ::setenv("TMPDIR", folder_.path().c_str(), 1);
+  }
+  ~PrivateTemporaryDirectory() {
+    if (previous_) {
+      ::setenv("TMPDIR", previous_->c_str(), 1);
+    } else {
+      ::unsetenv("TMPDIR");
+    }
+  }
+
+ private:
+  ScratchFolder folder_;
+  std::optional<std::string> previous_;
+};
+
+// Bytes that differ with `seed` and position, so a misplaced block shows.
+inline std::string patternBytes(std::size_t size, std::uint32_t seed = 1) {
+  std::string bytes(size, '\0');
+  std::uint32_t state = seed * 2654435761u + 1;
+  for (char& byte : bytes) {
+    state = state * 1103515245u + 12345u;
+    byte = static_cast<char>(state >> 24);
+  }
+  return bytes;
+}
+
+inline void writeFile(const std::filesystem::path& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+inline std::string readFile(const std::filesystem::path& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return std::move(content).str();
+}
+
+}  // namespace vkq::testing
