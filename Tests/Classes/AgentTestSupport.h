@@ -22,7 +22,8 @@
 #include "Classes/VKQVeskResult.h"
 #include "Platform/Base/MainQueue.h"
 #include "Platform/Reachability/NetworkReachabilityManager.h"
-#include "Tests/Classes/LogCapture.h"
+#include "Tests/Support/Files.h"
+#include "Tests/Support/LogCapture.h"
 #include "Tests/Support/TestServer.h"
 
 namespace vkq::testing {
@@ -143,25 +144,6 @@ class AgentTest : public ::testing::Test {
   static void runFor(std::chrono::milliseconds duration) {
     vkq::platform::MainQueue::runUntil([] { return false; }, duration);
   }
-};
-
-// A fresh, empty folder under the temporary directory, removed with the object.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::random_device random;
-    path_ = std::filesystem::temp_directory_path() / ("vkq-agent-" + std::to_string(random()) + std::to_string(random()));
-    std::filesystem::create_directories(path_);
-  }
-  ~TemporaryFolder() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  const std::filesystem::path& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-  std::filesystem::path path_;
 };
 
 }  // namespace vkq::testing

@@ -10,7 +10,7 @@
 #include "Classes/Serialization/Response/VKQJSONResponseSerializer.h"
 #include "Classes/VKQVesk.h"
 #include "Classes/VKQVeskResult.h"
-#include "Tests/Classes/LogCapture.h"
+#include "Tests/Support/LogCapture.h"
 
 namespace {
 

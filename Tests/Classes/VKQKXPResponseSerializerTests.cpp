@@ -11,7 +11,7 @@
 #include "Classes/VKQVeskResult.h"
 #include "Tests/Classes/Fuzz/KXPResponseFuzzing.h"
 #include "Tests/Classes/KXPTesting.h"
-#include "Tests/Classes/LogCapture.h"
+#include "Tests/Support/LogCapture.h"
 
 namespace {
 

@@ -15,6 +15,8 @@ namespace fs = std::filesystem;
 using vkq::testing::AgentTest;
 using vkq::testing::Calls;
 using vkq::testing::FileOptions;
+using vkq::testing::readFile;
+using vkq::testing::writeFile;
 using Order = std::vector<std::string>;
 
 std::string randomContent(std::size_t size, unsigned seed) {
@@ -22,15 +24,6 @@ std::string randomContent(std::size_t size, unsigned seed) {
   std::string content(size, '\0');
   for (auto& c : content) c = static_cast<char>(random());
   return content;
-}
-
-void writeFile(const fs::path& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 class VKQNetworkAgentDownload : public AgentTest {
@@ -65,7 +58,7 @@ class VKQNetworkAgentDownload : public AgentTest {
   std::optional<std::string> lastRange() { return server.requests().back().header("Range"); }
 
   vkq::testing::TestServer server;
-  vkq::testing::TemporaryFolder folder;
+  vkq::testing::ScratchFolder folder;
   std::shared_ptr<VKQVesk> request;
   std::shared_ptr<std::atomic<std::int64_t>> receivedBytes;
 };

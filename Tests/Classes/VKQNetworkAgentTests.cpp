@@ -122,10 +122,10 @@ TEST(VKQNetworkAgentResume, Md5NamesAre32LowerCaseHexDigitsOfTheTextUpToItsFirst
 TEST(VKQNetworkAgentResume, CacheFolderFollowsTMPDIRAndIsRetriedAfterAFailure) {
   const char* original = std::getenv("TMPDIR");
   const std::optional<std::string> saved = original ? std::optional<std::string>(original) : std::nullopt;
-  vkq::testing::TemporaryFolder temporary;
+  vkq::testing::ScratchFolder temporary;
   setenv("TMPDIR", (temporary.path().string() + "/").c_str(), 1);
   EXPECT_EQ(agent().incompleteDownloadTempPathForDownloadPath("/d/a.zip"),
-            vkq::platform::URL::fileURLWithPath(temporary / ("Incomplete/" + VKQNetworkAgent::md5StringFromString("/d/a.zip"))));
+            vkq::platform::URL::fileURLWithPath((temporary / ("Incomplete/" + VKQNetworkAgent::md5StringFromString("/d/a.zip"))).string()));
   EXPECT_TRUE(std::filesystem::is_directory(temporary / "Incomplete"));
 
   // A regular file where the temporary directory should be: no folder can be made.

@@ -13,6 +13,7 @@
 #include "Platform/Serialization/Object.h"
 #include "Platform/Base/SerialQueue.h"
 #include "Platform/HTTP/URL.h"
+#include "Tests/Support/LogCapture.h"
 
 namespace vkq::platform {
 namespace {
@@ -66,14 +67,7 @@ TEST(Assert, SourcePathsAreTrimmedToTheClassesFolder) {
   for (const auto& [path, trimmed] : cases) EXPECT_EQ(sourcePathFromClasses(path), trimmed);
 }
 
-// Captures log entries while alive.
-struct LogCapture {
-  LogCapture() {
-    setLogSink([this](const LogEntry& entry) { entries.push_back(entry); });
-  }
-  ~LogCapture() { setLogSink(nullptr); }
-  std::vector<LogEntry> entries;
-};
+using vkq::testing::LogCapture;
 
 TEST(Log, RendersEachPieceIncludingAbsentObjects) {
   LogCapture capture;
@@ -85,7 +79,7 @@ TEST(Log, RendersEachPieceIncludingAbsentObjects) {
           makeError("d", 1));
   const LogEntry expected{"request faild", "42", "-7", "1", "c", "http://h/x", "(null)", "(null)", "(null)",
                           "(null)", "s", "Error Domain=d Code=1 \"The operation couldn't be completed. (d error 1.)\""};
-  EXPECT_EQ(capture.entries, std::vector<LogEntry>{expected});
+  EXPECT_EQ(capture.entries(), std::vector<LogEntry>{expected});
 }
 
 TEST(Log, NothingIsRenderedWithoutASink) {
@@ -98,7 +92,7 @@ TEST(Log, NothingIsRenderedWithoutASink) {
   EXPECT_EQ(calls, 0);
   LogCapture capture;
   DDDebug(Counted{&calls});
-  EXPECT_EQ(capture.entries, std::vector<LogEntry>{{"1"}});
+  EXPECT_EQ(capture.entries(), std::vector<LogEntry>{{"1"}});
 }
 
 TEST(Object, CopiesShareTheirBytesAndEqualityComparesKindAndContent) {
