@@ -133,8 +133,17 @@ std::string_view trimHeaderSpace(std::string_view text) {
   return text;
 }
 
-bool isSafeHeaderText(std::string_view text) {
-  return std::none_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
+bool isValidHeaderField(std::string_view name, std::string_view value) {
+  const auto framing = [](char c) { return c == '\r' || c == '\n' || c == '\0'; };
+  return !name.empty() && name.find(':') == std::string_view::npos && std::none_of(name.begin(), name.end(), framing) &&
+         std::none_of(value.begin(), value.end(), framing);
+}
+
+std::optional<std::string> firstInvalidHeaderField(const HTTPHeaders& fields) {
+  for (const auto& [name, value] : fields) {
+    if (!isValidHeaderField(name, value)) return name;
+  }
+  return std::nullopt;
 }
 
 }  // namespace vkq::platform

@@ -57,7 +57,12 @@ class HTTPHeaders {
 // `text` without the spaces, tabs and line breaks around it.
 std::string_view trimHeaderSpace(std::string_view text);
 
-// True when `text` may appear in a header name or value: no CR, LF or NUL.
-bool isSafeHeaderText(std::string_view text);
+// The one rule for header fields that may be sent: a name that is not empty and holds
+// no ':', and neither name nor value holding CR, LF or NUL (which would break the
+// message's framing).
+bool isValidHeaderField(std::string_view name, std::string_view value);
+
+// The name of the first field of `fields` that breaks that rule, or absent.
+std::optional<std::string> firstInvalidHeaderField(const HTTPHeaders& fields);
 
 }  // namespace vkq::platform

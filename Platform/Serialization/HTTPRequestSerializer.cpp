@@ -157,14 +157,12 @@ std::optional<URL> appendingQuery(const URL& url, std::string_view query) {
 
 // Refuses a request whose header fields could break the message framing.
 bool checkHeaderSafety(const URLRequest& request, ErrorPtr* error) {
-  for (const auto& [name, value] : request.allHTTPHeaderFields) {
-    if (!isSafeHeaderText(name) || !isSafeHeaderText(value)) {
-      const std::string shown = percentEncode(name, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
-      setError(error, serializationError("The header field \"" + shown + "\" holds a CR, LF or NUL."));
-      return false;
-    }
-  }
-  return true;
+  const std::optional<std::string> invalid = firstInvalidHeaderField(request.allHTTPHeaderFields);
+  if (!invalid) return true;
+  const std::string shown = percentEncode(*invalid, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
+  setError(error, serializationError("The header field \"" + shown +
+                                     "\" cannot be sent: its name is empty or holds a colon, or it holds a CR, LF or NUL."));
+  return false;
 }
 
 }  // namespace
@@ -182,7 +180,7 @@ HTTPRequestSerializer::HTTPRequestSerializer() {
 HTTPRequestSerializer::~HTTPRequestSerializer() = default;
 
 bool HTTPRequestSerializer::setValue(std::optional<std::string_view> value, std::string_view field) {
-  if (!isSafeHeaderText(field) || (value && !isSafeHeaderText(*value))) return false;
+  if (!isValidHeaderField(field, value.value_or(""))) return false;
   if (value) {
     headers_.set(field, *value);
   } else {

@@ -22,16 +22,6 @@ std::uint64_t nextTaskIdentifier() {
   return counter.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
-// The first header field that must not be sent, or absent.
-std::optional<std::string> unsafeHeaderField(const HTTPHeaders& fields) {
-  for (const auto& [name, value] : fields) {
-    if (name.empty() || name.find(':') != std::string::npos || !isSafeHeaderText(name) || !isSafeHeaderText(value)) {
-      return name;
-    }
-  }
-  return std::nullopt;
-}
-
 }  // namespace
 
 TaskRecord::TaskRecord(SharedRequest request)
@@ -120,7 +110,7 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
       conclude(std::move(refused), false);
       return false;
     }
-    if (const auto field = unsafeHeaderField(request->allHTTPHeaderFields)) {
+    if (const auto field = firstInvalidHeaderField(request->allHTTPHeaderFields)) {
       conclude(makeTransportError(kURLErrorBadURL,
                                   "The request header field \"" + *field +
                                       "\" contains a line break, NUL or colon; the request was not sent.",
