@@ -4,6 +4,6 @@
 # library.
 if(TARGET vkq_test_support)
   add_executable(agent_benchmark ${CMAKE_CURRENT_LIST_DIR}/agent_benchmark.cpp)
-  target_link_libraries(agent_benchmark PRIVATE vkq_classes vkq_codec vkq_platform vkq_test_support
+  target_link_libraries(agent_benchmark PRIVATE vkq vkq_test_support
                         benchmark::benchmark)
 endif()

@@ -18,7 +18,7 @@
 
 #include "Platform/Base/Error.h"
 #include "Platform/HTTP/HTTPHeaders.h"
-#include "Platform/Base/KeyedArchive.h"
+#include "Platform/Serialization/KeyedArchive.h"
 #include "Platform/Serialization/Object.h"
 #include "Platform/HTTP/URLRequest.h"
 

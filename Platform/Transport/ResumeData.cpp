@@ -1,6 +1,6 @@
 #include "Platform/Transport/ResumeData.h"
 
-#include "Platform/Base/KeyedArchive.h"
+#include "Platform/Serialization/KeyedArchive.h"
 
 namespace vkq::platform {
 namespace {

@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "Platform/Session/HTTPSessionManager.h"
-#include "Platform/Base/KeyedArchive.h"
+#include "Platform/Serialization/KeyedArchive.h"
 #include "Platform/Transport/ResumeData.h"
 #include "Tests/Platform/Transport/TransportTesting.h"
 #include "Tests/Support/TestServer.h"

@@ -1,4 +1,4 @@
-#include "Platform/Base/KeyedArchive.h"
+#include "Platform/Serialization/KeyedArchive.h"
 
 #include <gtest/gtest.h>
 
