@@ -20,7 +20,7 @@ void URLSessionTask::cancel() { transfer_->cancel(); }
 
 URLSessionTaskState URLSessionTask::state() const {
   std::lock_guard lock(record_.mutex);
-  return record_.state;
+  return record_.state();
 }
 
 std::optional<URLRequest> URLSessionTask::originalRequest() const {

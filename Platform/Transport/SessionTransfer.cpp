@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Platform/Base/Assert.h"
 #include "Platform/Transport/CurlErrors.h"
 #include "Platform/Transport/SessionEngine.h"
 
@@ -27,6 +28,26 @@ std::uint64_t nextTaskIdentifier() {
 TaskRecord::TaskRecord(SharedRequest request)
     : identifier(nextTaskIdentifier()), originalRequest(request), currentRequest(std::move(request)) {}
 
+void TaskRecord::moveTo(URLSessionTaskState next) {
+  using enum URLSessionTaskState;
+  bool legal = false;
+  switch (state_) {
+    case Suspended:
+      legal = next == Running || next == Canceling || next == Completed;
+      break;
+    case Running:
+      legal = next == Suspended || next == Canceling || next == Completed;
+      break;
+    case Canceling:
+      legal = next == Completed;
+      break;
+    case Completed:
+      break;
+  }
+  VKQAssert(legal, "illegal task state transition");
+  state_ = next;
+}
+
 SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, SharedRequest request,
                                  Options options)
     : engine_(engine),
@@ -48,13 +69,16 @@ std::string SessionTransfer::failingURL() const {
 void SessionTransfer::resume() {
   const auto engine = engine_.lock();  // released after the record's lock
   std::lock_guard lock(record_.mutex);
-  if (record_.state != URLSessionTaskState::Suspended) return;
+  if (record_.state() != URLSessionTaskState::Suspended) return;
   if (!engine) {
-    record_.state = URLSessionTaskState::Completed;
-    record_.error = makeTransportError(kURLErrorCancelled, "cancelled", failingURL());
+    // A task on the worker is ended by the engine's shutdown; one never handed over ends here.
+    if (!record_.started) {
+      record_.moveTo(URLSessionTaskState::Completed);
+      record_.error = makeTransportError(kURLErrorCancelled, "cancelled", failingURL());
+    }
     return;
   }
-  record_.state = URLSessionTaskState::Running;
+  record_.moveTo(URLSessionTaskState::Running);
   // Queued under the lock so that a concurrent cancel() or suspend() reaches the worker
   // after it.
   if (record_.started) {
@@ -68,17 +92,17 @@ void SessionTransfer::resume() {
 void SessionTransfer::suspend() {
   const auto engine = engine_.lock();  // released after the record's lock
   std::lock_guard lock(record_.mutex);
-  if (record_.state != URLSessionTaskState::Running || !engine) return;
-  record_.state = URLSessionTaskState::Suspended;
+  if (record_.state() != URLSessionTaskState::Running || !engine) return;
+  record_.moveTo(URLSessionTaskState::Suspended);
   engine->worker().pause(shared_from_this());
 }
 
 void SessionTransfer::cancel() {
   const auto engine = engine_.lock();  // released after the record's lock
   std::unique_lock lock(record_.mutex);
-  const URLSessionTaskState state = record_.state;
+  const URLSessionTaskState state = record_.state();
   if (state != URLSessionTaskState::Suspended && state != URLSessionTaskState::Running) return;
-  record_.state = URLSessionTaskState::Canceling;
+  record_.moveTo(URLSessionTaskState::Canceling);
   if (record_.started) {
     if (engine) engine->worker().cancel(shared_from_this());
     return;
@@ -90,7 +114,7 @@ void SessionTransfer::cancel() {
     engine->completionQueue().async([self = shared_from_this(), error] { self->complete(nullptr, error); });
   } else {
     std::lock_guard relock(record_.mutex);
-    record_.state = URLSessionTaskState::Completed;
+    record_.moveTo(URLSessionTaskState::Completed);
     record_.error = error;
   }
 }
@@ -356,7 +380,7 @@ void SessionTransfer::complete(const std::shared_ptr<const HTTPResponse>& respon
   }
   {
     std::lock_guard lock(record_.mutex);
-    record_.state = URLSessionTaskState::Completed;
+    record_.moveTo(URLSessionTaskState::Completed);
     record_.error = error;
   }
   try {

@@ -4,11 +4,14 @@
 // transport.
 //
 // The task state lives in the transfer's TaskRecord, which the public task object reads;
-// every state change happens in SessionTransfer:
+// SessionTransfer changes it, always through TaskRecord::moveTo(), which allows only
+// these moves:
 //   Suspended --resume()--> Running --(exchange ends)--> Completed
 //   Suspended --cancel()--> Canceling --(queued at once)--> Completed
 //   Running   --cancel()--> Canceling --(worker stops it)--> Completed
 //   Running  --suspend()--> Suspended (paused on the worker) --resume()--> Running
+//   Suspended --(exchange ends before the pause reached the worker, the manager goes
+//               away, or resume() after it went)--> Completed
 // A task paused on the worker is cancelled as a running one.
 #pragma once
 
@@ -44,7 +47,12 @@ struct TaskRecord {
   const SharedRequest originalRequest;  // null: none
 
   mutable std::mutex mutex;
-  URLSessionTaskState state = URLSessionTaskState::Suspended;  // guarded by mutex
+  // Guarded by mutex.
+  URLSessionTaskState state() const { return state_; }
+  // The only writer of the state, with mutex held; a move the diagram above does not
+  // have is a programming error.
+  void moveTo(URLSessionTaskState next);
+
   bool started = false;  // guarded by mutex: handed to the worker (maybe paused there)
   SharedRequest currentRequest;                                 // guarded by mutex
   std::shared_ptr<const HTTPResponse> response;                 // guarded by mutex
@@ -52,6 +60,9 @@ struct TaskRecord {
   // Written by the worker as data arrives, read by anyone.
   std::atomic<std::int64_t> bytesReceived{0};
   std::atomic<std::int64_t> bytesExpected{-1};
+
+ private:
+  URLSessionTaskState state_ = URLSessionTaskState::Suspended;
 };
 
 // Where a task's answer body goes and what its outcome becomes. The worker-side hooks
