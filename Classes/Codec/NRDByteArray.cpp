@@ -52,15 +52,15 @@ std::shared_ptr<NRDByteArray> NRDByteArray::initWithData(std::span<const std::ui
   return std::shared_ptr<NRDByteArray>(new NRDByteArray(Bytes(data.begin(), data.end()), bigEndian));
 }
 
-std::shared_ptr<NRDByteArray> NRDByteArray::initWithUrl(const vkq::platform::URL& url, bool bigEndian) {
-  auto contents = url.isFileURL() ? contentsOfFile(url.filePath()) : std::nullopt;
+std::shared_ptr<NRDByteArray> NRDByteArray::initWithFile(const std::optional<std::filesystem::path>& path,
+                                                         bool bigEndian) {
+  auto contents = path ? contentsOfFile(*path) : std::nullopt;
   return std::shared_ptr<NRDByteArray>(new NRDByteArray(std::move(contents), bigEndian));
 }
 
 std::shared_ptr<NRDByteArray> NRDByteArray::initWithName(std::string_view name, bool bigEndian) {
   const auto directory = bundleDirectory();
-  auto contents = directory.empty() ? std::nullopt : contentsOfFile(directory / name);
-  return std::shared_ptr<NRDByteArray>(new NRDByteArray(std::move(contents), bigEndian));
+  return initWithFile(directory.empty() ? std::nullopt : std::optional(directory / name), bigEndian);
 }
 
 std::shared_ptr<NRDByteArray> NRDByteArray::initWithBigEndian(bool bigEndian) {

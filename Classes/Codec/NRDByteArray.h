@@ -24,8 +24,10 @@
 // Thread-compatible: no locking; an instance belongs to one caller at a time.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <span>
@@ -34,7 +36,14 @@
 
 #include "Classes/Codec/NRDStringEncoding.h"
 #include "Platform/Base/Bytes.h"
-#include "Platform/HTTP/URL.h"
+
+// A URL that may name a local file: vkq::platform::URL, or any type with the same two
+// accessors. The byte array reads files only and needs nothing else of a URL.
+template <typename URL>
+concept NRDFileURL = requires(const URL& url) {
+  { url.isFileURL() } -> std::convertible_to<bool>;
+  { url.filePath() } -> std::convertible_to<std::filesystem::path>;
+};
 
 class NRDByteArray {
  public:
@@ -53,7 +62,11 @@ class NRDByteArray {
   static std::shared_ptr<NRDByteArray> initWithData(std::span<const std::uint8_t> data, bool bigEndian);
   // The contents of a file URL. No buffer when the file cannot be read, and for every
   // URL that is not a file URL (this class does no network transfers).
-  static std::shared_ptr<NRDByteArray> initWithUrl(const vkq::platform::URL& url, bool bigEndian);
+  template <NRDFileURL URL>
+  static std::shared_ptr<NRDByteArray> initWithUrl(const URL& url, bool bigEndian) {
+    return initWithFile(url.isFileURL() ? std::optional<std::filesystem::path>(url.filePath()) : std::nullopt,
+                        bigEndian);
+  }
   // The contents of the file `name` in the program's bundle directory, the directory of
   // the running executable. No buffer when it cannot be read.
   static std::shared_ptr<NRDByteArray> initWithName(std::string_view name, bool bigEndian);
@@ -169,6 +182,10 @@ class NRDByteArray {
 
  private:
   NRDByteArray(std::optional<Bytes> data, bool bigEndian) : data_(std::move(data)), bigEndian_(bigEndian) {}
+
+  // The contents of the file at `path`; no buffer when there is no path or the file
+  // cannot be read.
+  static std::shared_ptr<NRDByteArray> initWithFile(const std::optional<std::filesystem::path>& path, bool bigEndian);
 
   // Adds raw bytes at the end; `bytes` may point into the buffer itself.
   void appendRaw(const void* bytes, std::size_t size);

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include "Platform/Base/Assert.h"
-#include "Platform/HTTP/URL.h"
 
 namespace {
 
@@ -20,7 +19,6 @@ using ::testing::ElementsAre;
 using ::testing::Optional;
 using ::testing::Pointee;
 using vkq::platform::Bytes;
-using vkq::platform::URL;
 
 constexpr std::size_t kWord = NRDByteArray::kWordSize;
 static_assert(kWord == 8, "these tests spell out 64-bit length words");
@@ -183,18 +181,22 @@ TEST(NRDByteArrayInit, FilesAreReadAndAnythingUnreadableGivesNoBuffer) {
   const fs::path bundled = fs::read_symlink("/proc/self/exe").parent_path() / name;
   std::ofstream(temporary, std::ios::binary) << "\x01\x02\x03";
   std::ofstream(bundled, std::ios::binary) << "";
-  const auto fromFile = [](const fs::path& path, bool isFolder = false) {
-    return NRDByteArray::initWithUrl(URL::fileURLWithPath(path.string(), isFolder), true);
+  // Any type with the two accessors of a file URL will do; vkq::platform::URL is one.
+  struct FileURL {
+    fs::path path;
+    bool isFile = true;
+    bool isFileURL() const { return isFile; }
+    std::string filePath() const { return path.string(); }
   };
+  const auto fromFile = [](const fs::path& path) { return NRDByteArray::initWithUrl(FileURL{path}, true); };
   EXPECT_THAT(fromFile(temporary)->data(), Pointee(ElementsAre(1, 2, 3)));
   EXPECT_TRUE(fromFile(temporary)->bigEndian());
   EXPECT_THAT(fromFile(bundled)->data(), Pointee(ElementsAre())) << "an empty file is an empty buffer";
   EXPECT_THAT(NRDByteArray::initWithName(name, true)->data(), Pointee(ElementsAre())) << "beside the executable";
   EXPECT_EQ(NRDByteArray::initWithName("codec-no-such-resource.bin", true)->data(), nullptr);
   EXPECT_EQ(fromFile(temporary.parent_path() / "codec-missing.bin")->data(), nullptr);
-  EXPECT_EQ(fromFile(temporary.parent_path(), true)->data(), nullptr) << "a folder";
-  EXPECT_EQ(NRDByteArray::initWithUrl(*URL::URLWithString("https://example.com/a.bin"), false)->data(), nullptr)
-      << "no network transfers";
+  EXPECT_EQ(fromFile(temporary.parent_path())->data(), nullptr) << "a folder";
+  EXPECT_EQ(NRDByteArray::initWithUrl(FileURL{temporary, false}, false)->data(), nullptr) << "no network transfers";
   fs::remove(temporary);
   fs::remove(bundled);
 }
