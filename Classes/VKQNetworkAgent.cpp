@@ -155,7 +155,7 @@ void VKQNetworkAgent::addRequest(const std::shared_ptr<VKQVeskRequest>& request)
 
   if (error) {
     request->setError(error);
-    requestDidFailWithRequest(request, error, -2);
+    requestDidFailWithRequest(request, error, VKQResponseCodeHTTPError);
     return;
   }
   VKQAssert(request->requestTask() != nullptr, "requestTask should not be nil");
@@ -163,7 +163,7 @@ void VKQNetworkAgent::addRequest(const std::shared_ptr<VKQVeskRequest>& request)
   if (manager_->reachabilityManager()->networkReachabilityStatus() ==
       vkq::platform::NetworkReachabilityStatus::NotReachable) {
     DDDebug("network is not reachable");
-    requestDidFailWithRequest(request, nullptr, -1);
+    requestDidFailWithRequest(request, nullptr, VKQResponseCodeNetworkError);
     return;
   }
   addRequestToRecord(request);
@@ -248,7 +248,7 @@ void VKQNetworkAgent::handleRequestResult(const std::shared_ptr<URLSessionTask>&
   } catch (const std::exception& e) {
     // Decoders don't throw; should one do so anyway, the request still gets its one outcome.
     DDDebug("response decoding failed, reason = ", e.what());
-    result = VKQVeskResult::resultWithErrorCode(-2, request);
+    result = VKQVeskResult::resultWithErrorCode(VKQResponseCodeHTTPError, request);
   }
   MainQueue::async([this, taskIdentifier, request, result = std::move(result)] {
     deliverResult(taskIdentifier, request, result);
@@ -259,7 +259,7 @@ void VKQNetworkAgent::deliverResult(std::uint64_t taskIdentifier, const std::sha
                                     const std::shared_ptr<VKQVeskResult>& result) {
   callResultBlock(request->completionResultBlock(), result);
   // An absent result reads as code 0, so it goes to the success callback.
-  const bool success = !result || !result->responseCode() || result->responseCode()->code() == 0;
+  const bool success = !result || !result->responseCode() || result->responseCode()->code() == VKQResponseCodeSuccess;
   callResultBlock(success ? request->successResultBlock() : request->failureResultBlock(), result);
   record_.remove(taskIdentifier);
   request->clearCompletionBlock();

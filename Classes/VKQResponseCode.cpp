@@ -12,7 +12,7 @@ constexpr std::array<const char*, 5> kMessages = {
     "network error",   // -1
     "Success",         //  0
 };
-constexpr std::int64_t kLowestCode = -4;
+constexpr std::int64_t kLowestCode = VKQResponseCodeServerError;
 
 }  // namespace
 
@@ -21,7 +21,7 @@ std::shared_ptr<VKQResponseCode> VKQResponseCode::responseCode(std::int64_t code
 }
 
 std::optional<std::string> VKQResponseCode::msg() const {
-  if (code_ < kLowestCode || code_ > 0) return std::nullopt;
+  if (code_ < kLowestCode || code_ > VKQResponseCodeSuccess) return std::nullopt;
   return kMessages[static_cast<std::size_t>(code_ - kLowestCode)];
 }
 

@@ -13,11 +13,18 @@
 #include <optional>
 #include <string>
 
+// The known codes.
+inline constexpr std::int64_t VKQResponseCodeSuccess = 0;
+inline constexpr std::int64_t VKQResponseCodeNetworkError = -1;
+inline constexpr std::int64_t VKQResponseCodeHTTPError = -2;
+inline constexpr std::int64_t VKQResponseCodeProtocolError = -3;
+inline constexpr std::int64_t VKQResponseCodeServerError = -4;
+
 class VKQResponseCode {
  public:
   static std::shared_ptr<VKQResponseCode> responseCode(std::int64_t code);
 
-  explicit VKQResponseCode(std::int64_t code = 0) : code_(code) {}
+  explicit VKQResponseCode(std::int64_t code = VKQResponseCodeSuccess) : code_(code) {}
 
   std::int64_t code() const { return code_; }
   void setCode(std::int64_t code) { code_ = code; }

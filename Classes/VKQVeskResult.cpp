@@ -18,7 +18,7 @@ std::shared_ptr<VKQVeskResult> VKQVeskResult::resultWithErrorCode(std::int64_t c
 
 std::shared_ptr<VKQVeskResult> VKQVeskResult::resultWithSuccessData(Object data,
                                                                     std::shared_ptr<VKQVeskRequest> request) {
-  return initWith(VKQResponseCode::responseCode(0), std::move(data), std::move(request));
+  return initWith(VKQResponseCode::responseCode(VKQResponseCodeSuccess), std::move(data), std::move(request));
 }
 
 std::shared_ptr<VKQVeskResult> VKQVeskResult::initWith(std::shared_ptr<VKQResponseCode> responseCode, Object data,
@@ -32,7 +32,7 @@ std::shared_ptr<VKQVeskResult> VKQVeskResult::initWith(std::shared_ptr<VKQRespon
 
 std::string VKQVeskResult::description() const {
   // A result whose code was cleared reads as code 0 without a message.
-  const std::int64_t code = responseCode_ ? responseCode_->code() : 0;
+  const std::int64_t code = responseCode_ ? responseCode_->code() : VKQResponseCodeSuccess;
   const std::optional<std::string> msg = responseCode_ ? responseCode_->msg() : std::nullopt;
   return "errorCode = (" + std::to_string(code) + "), errorMsg = (" + msg.value_or("(null)") + ")";
 }
