@@ -29,7 +29,7 @@ TEST(Error, DescriptionFallsBackFromDescriptionToReasonToDomainAndCode) {
   EXPECT_EQ(Error("vkq.x", 7).localizedDescription(), "The operation couldn't be completed. (vkq.x error 7.)");
 }
 
-TEST(Assert, ParameterAssertionNamesTheConditionFileAndLine) {
+TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
   const int count = 0;
   const int line = __LINE__ + 2;
   try {
@@ -41,9 +41,6 @@ TEST(Assert, ParameterAssertionNamesTheConditionFileAndLine) {
     EXPECT_EQ(failure.line(), line);
   }
   EXPECT_NO_THROW(VKQParameterAssert(count == 0));
-}
-
-TEST(Assert, FixedTextAssertionGoesToTheInstalledHandler) {
   std::string seen;
   setAssertionHandler([&seen](const AssertionFailure& failure) {
     seen = failure.description;
@@ -52,7 +49,6 @@ TEST(Assert, FixedTextAssertionGoesToTheInstalledHandler) {
   EXPECT_THROW(VKQAssert(false, "requestTask should not be nil"), int);
   setAssertionHandler(nullptr);
   EXPECT_EQ(seen, "requestTask should not be nil");
-  EXPECT_THROW(VKQAssert(false, "x"), InternalInconsistencyException);
 }
 
 TEST(Assert, SourcePathsAreTrimmedToTheClassesFolder) {
@@ -90,73 +86,47 @@ TEST(Log, NothingIsRenderedWithoutASink) {
   int calls = 0;
   DDDebug("text", Counted{&calls});
   EXPECT_EQ(calls, 0);
-  LogCapture capture;
-  DDDebug(Counted{&calls});
-  EXPECT_EQ(capture.entries(), std::vector<LogEntry>{{"1"}});
 }
 
-TEST(Object, CopiesShareTheirBytesAndEqualityComparesKindAndContent) {
+TEST(Object, CopiesShareTheirBytesAndEachKindDescribesItself) {
   const Object original(Bytes{1, 2});
-  const Object copy = original;
-  copy.data()->push_back(3);
+  Object(original).data()->push_back(3);
   EXPECT_EQ(*original.data(), (Bytes{1, 2, 3}));
   EXPECT_EQ(Object(Bytes{1, 2, 3}), original);
-  EXPECT_NE(Object(Bytes{1, 2}), original);
   EXPECT_NE(Object(JSON("a")), Object(bytesFromString("a")));  // same content, other kind
+  const std::pair<Object, const char*> cases[] = {
+      {Object(), "(null)"},
+      {Object(std::shared_ptr<Bytes>()), "(null)"},  // no bytes is absence
+      {Object(JSON(nullptr)), "null"},               // JSON null is a value
+      {Object(JSON{{"a", 1}}), "{\"a\":1}"},
+      {Object(Bytes{0x00, 0x01, 0xab, 0xff, 0x10}), "<0001abff 10>"},
+      {Object(Bytes{}), "<>"},
+      {Object(URL::fileURLWithPath("/tmp/x")), "file:///tmp/x"},
+  };
+  for (const auto& [object, description] : cases) EXPECT_EQ(object.description(), description);
 }
 
-TEST(Object, DescriptionOfEachKindAndOfAbsence) {
-  EXPECT_EQ(Object().description(), "(null)");
-  EXPECT_EQ(Object(std::shared_ptr<Bytes>()).description(), "(null)");  // no bytes is absence
-  EXPECT_EQ(Object(JSON(nullptr)).description(), "null");               // JSON null is a value
-  EXPECT_EQ(Object(JSON{{"a", 1}}).description(), "{\"a\":1}");
-  EXPECT_EQ(Object(Bytes{0x00, 0x01, 0xab, 0xff, 0x10}).description(), "<0001abff 10>");
-  EXPECT_EQ(Object(Bytes{}).description(), "<>");
-  EXPECT_EQ(Object(URL::fileURLWithPath("/tmp/x")).description(), "file:///tmp/x");
-}
-
-class MainQueueTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    MainQueue::useManualDraining();
-    MainQueue::drain();
-  }
-};
-
-TEST_F(MainQueueTest, RunsJobsInPostingOrderNeverInsideTheCallerAndPastAThrowingJob) {
+TEST(MainQueue, RunsJobsInPostingOrderNeverInsideTheCallerNorReentrantlyAndPastAThrowingJob) {
+  MainQueue::useManualDraining();
+  MainQueue::drain();
   std::vector<int> order;
-  for (int i = 0; i < 5; ++i) {
+  for (int i = 0; i < 3; ++i) {
     MainQueue::async([&order, i] {
+      EXPECT_TRUE(MainQueue::isCurrent());
+      if (i == 0) MainQueue::async([&order] { order.push_back(3); });
+      EXPECT_EQ(MainQueue::drain(), 0u);  // no re-entrant draining
       order.push_back(i);
-      if (i == 2) throw std::runtime_error("callback failed");
+      if (i == 1) throw std::runtime_error("callback failed");
     });
   }
   EXPECT_TRUE(order.empty());
-  EXPECT_EQ(MainQueue::drain(), 5u);
-  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
-  EXPECT_EQ(MainQueue::drain(), 0u);
-}
-
-TEST_F(MainQueueTest, AJobPostedFromAJobRunsAfterIt) {
-  std::vector<std::string> order;
-  MainQueue::async([&order] {
-    EXPECT_TRUE(MainQueue::isCurrent());
-    MainQueue::async([&order] { order.push_back("inner"); });
-    EXPECT_EQ(MainQueue::drain(), 0u);  // no re-entrant draining
-    order.push_back("outer");
-  });
   EXPECT_FALSE(MainQueue::isCurrent());
-  MainQueue::drain();
-  EXPECT_EQ(order, (std::vector<std::string>{"outer", "inner"}));
-}
+  EXPECT_EQ(MainQueue::drain(), 4u);
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
 
-TEST_F(MainQueueTest, RunUntilWaitsForJobsFromOtherThreadsOrGivesUpAfterTheTimeout) {
   std::atomic<bool> done{false};
-  std::thread poster([&done] {
-    std::this_thread::sleep_for(20ms);
-    MainQueue::async([&done] { done = true; });
-  });
-  EXPECT_TRUE(MainQueue::runUntil([&done] { return done.load(); }, 5s));
+  std::thread poster([&done] { MainQueue::async([&done] { done = true; }); });
+  EXPECT_TRUE(MainQueue::runUntil([&done] { return done.load(); }, 5s));  // waits for jobs from other threads
   poster.join();
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(MainQueue::runUntil([] { return false; }, 50ms));
