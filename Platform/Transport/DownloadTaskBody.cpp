@@ -112,8 +112,7 @@ ErrorPtr DownloadTaskBody::truncateFile() {
 }
 
 ErrorPtr DownloadTaskBody::willSend(SharedRequest& request) {
-  if (state_ == State::Pending) {
-    state_ = State::Transferring;
+  if (!file_) {
     if (ErrorPtr error = openFile()) return error;
   }
   rangeSent_ = offset_ > 0 && !validator_.empty();
@@ -190,11 +189,7 @@ ErrorPtr DownloadTaskBody::didFinish(ErrorPtr error, bool cancelled) {
   }
   std::lock_guard lock(mutex_);
   finished_ = true;
-  if (!error) {
-    state_ = State::Completed;
-    return nullptr;
-  }
-  state_ = cancelled ? State::Cancelled : State::Failed;
+  if (!error) return nullptr;
   // A plain cancel() gives up the download; a failure or a cancel that asked for
   // resume data keeps what is on disk when it can be continued.
   if ((!cancelled || wantsResumeData_) && isResumable()) {

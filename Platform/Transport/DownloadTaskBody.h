@@ -2,12 +2,15 @@
 // from resume data, and on success moves the file where the destination callback says.
 // Internal to the transport.
 //
-// A download is a state machine; its transitions are the only place where the resume
-// bookkeeping (offset, bytes written, validator, the partial file) changes:
-//   Pending --willSend--> Transferring --didFinish--> Completed | Failed | Cancelled
-// and Transferring --shouldRestart--> Transferring when the server's answer to a
-// resume request cannot be appended (416, or a 206 starting elsewhere): the file then
-// starts over with a plain request, once.
+// The resume bookkeeping (offset kept from before, bytes written, validator, the
+// partial file) changes in these hooks only:
+// - willSend() opens the file before the first exchange and, when there is an offset
+//   and a validator, asks for the rest with Range and If-Range;
+// - didReceiveResponse() keeps the offset for a 206 from the position asked for, asks
+//   for a restart when the answer cannot be appended (416, or a 206 from elsewhere),
+//   and otherwise (the whole entity, or an error answer) starts the file over;
+// - shouldRestart() then starts the file over with a plain request, once;
+// - didFinish() closes the file and keeps it as resume data, or removes it.
 #pragma once
 
 #include <filesystem>
@@ -59,8 +62,6 @@ class DownloadTaskBody final : public BodySink {
   void deliver(const std::shared_ptr<const HTTPResponse>& response, const ErrorPtr& error) override;
 
  private:
-  enum class State { Pending, Transferring, Completed, Failed, Cancelled };
-
   ErrorPtr openFile();
   ErrorPtr truncateFile();
   ErrorPtr fileError(URLErrorCode code, const std::string& what) const;
@@ -77,9 +78,8 @@ class DownloadTaskBody final : public BodySink {
   Callbacks callbacks_;
 
   // Worker side (see BodySink).
-  State state_ = State::Pending;
   std::filesystem::path path_;
-  std::unique_ptr<FileWriter> file_;
+  std::unique_ptr<FileWriter> file_;  // open from the first willSend() to didFinish()
   std::int64_t offset_ = 0;   // bytes kept from before when the request was sent
   std::int64_t written_ = 0;  // bytes of the entity in the file
   std::string validator_;
