@@ -125,8 +125,6 @@ void MainQueue::async(Job job) {
   if (wake) wake();
 }
 
-void MainQueue::useDefaultThread() { state().setMode(Mode::kDefaultThread, nullptr); }
-
 void MainQueue::setDispatcher(std::function<void()> wake) {
   state().setMode(Mode::kDispatcher, std::move(wake));
 }

@@ -26,8 +26,6 @@ class MainQueue {
   // Queues a job. Thread-safe. A job must not throw (an escaping exception is dropped).
   static void async(Job job);
 
-  // Jobs run on the queue's own thread (the default).
-  static void useDefaultThread();
   // Jobs wait for the application: `wake` is called when one is queued.
   static void setDispatcher(std::function<void()> wake);
   // Jobs wait until the program drains them.

@@ -59,8 +59,6 @@ void HTTPSessionManager::setResponseSerializer(std::shared_ptr<HTTPResponseSeria
   engine_->responseSerializer()->set(serializer ? std::move(serializer) : HTTPResponseSerializer::serializer());
 }
 
-std::size_t HTTPSessionManager::maximumDataLength() const { return maximumDataLength_.load(); }
-
 void HTTPSessionManager::setMaximumDataLength(std::size_t bytes) { maximumDataLength_.store(bytes); }
 
 fs::path HTTPSessionManager::partialDownloadsFolder() {
@@ -77,7 +75,7 @@ std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(cons
   auto shared = std::make_shared<const URLRequest>(request);
   return makeTask<URLSessionDataTask, DataTaskBody>(engine_, shared,
                                                     {std::move(uploadProgress), std::move(downloadProgress), 0},
-                                                    maximumDataLength(), shared, engine_->responseSerializer(),
+                                                    maximumDataLength_.load(), shared, engine_->responseSerializer(),
                                                     std::move(completionHandler));
 }
 

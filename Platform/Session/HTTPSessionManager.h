@@ -76,7 +76,6 @@ class HTTPSessionManager {
   std::shared_ptr<NetworkReachabilityManager> reachabilityManager() const { return reachability_; }
 
   // The body limit of data tasks made from now on (default kMaximumDataTaskBodyLength).
-  std::size_t maximumDataLength() const;
   void setMaximumDataLength(std::size_t bytes);
 
   // Where partial downloads lie until they complete: a folder of this process under

@@ -52,10 +52,6 @@ std::int64_t URLSessionTask::countOfBytesReceived() const {
   return record_.bytesReceived.load(std::memory_order_relaxed);
 }
 
-std::int64_t URLSessionTask::countOfBytesExpectedToReceive() const {
-  return record_.bytesExpected.load(std::memory_order_relaxed);
-}
-
 URLSessionDataTask::URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer)
     : URLSessionTask(std::move(transfer)) {}
 

@@ -64,8 +64,6 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   // Body bytes received so far (after content decoding; for a resumed download,
   // including the bytes that were already on disk).
   std::int64_t countOfBytesReceived() const;
-  // The expected body length, or -1 while unknown.
-  std::int64_t countOfBytesExpectedToReceive() const;
 
  protected:
   // Made by the session manager; `transfer` carries out the exchange.

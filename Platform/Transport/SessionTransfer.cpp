@@ -262,7 +262,6 @@ ErrorPtr SessionTransfer::takeResponse() {
     record_.currentRequest = std::move(redirected);
   }
   record_.bytesReceived.store(held, std::memory_order_relaxed);
-  record_.bytesExpected.store(expectedLength_, std::memory_order_relaxed);
   return error;
 }
 

@@ -59,7 +59,6 @@ struct TaskRecord {
   ErrorPtr error;                                               // guarded by mutex
   // Written by the worker as data arrives, read by anyone.
   std::atomic<std::int64_t> bytesReceived{0};
-  std::atomic<std::int64_t> bytesExpected{-1};
 
  private:
   URLSessionTaskState state_ = URLSessionTaskState::Suspended;

@@ -88,8 +88,6 @@ class TransferWorker {
   void pause(std::shared_ptr<Transfer> transfer);
   void unpause(std::shared_ptr<Transfer> transfer);
 
-  bool isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
-
  private:
   struct Command {
     enum class Kind { Start, Cancel, Pause, Unpause };
