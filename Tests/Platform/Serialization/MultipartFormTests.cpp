@@ -74,21 +74,17 @@ TEST(MultipartForm, UnreadableFilesAreReportedAndLeaveTheBodyAlone) {
     ErrorPtr error;
     EXPECT_FALSE(form.appendPartWithFileURL(url, "f", &error)) << url.absoluteString();
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), kURLRequestSerializationErrorDomain);
-    EXPECT_EQ(error->code(), kURLErrorBadURL);
-    EXPECT_EQ(error->userInfo().failingURL, url.absoluteString());
+    EXPECT_EQ(std::tuple(error->domain(), error->code(), error->userInfo().failingURL),
+              std::tuple(kURLRequestSerializationErrorDomain, kURLErrorBadURL, url.absoluteString()));
   }
   EXPECT_EQ(stringFromBytes(form.body()), "--B--\r\n");
 }
 
 TEST(MultipartForm, MIMETypesFollowTheExtension) {
   const std::pair<const char*, const char*> cases[] = {
-      {"a.png", "image/png"},
       {"A.JPEG", "image/jpeg"},  // extensions in any letter case
       {"archive.tar.gz", "application/gzip"},
-      {"data.json", "application/json"},
       {"noextension", "application/octet-stream"},
-      {"x.unknown", "application/octet-stream"},
       {"trailingdot.", "application/octet-stream"},
   };
   for (const auto& [name, type] : cases) EXPECT_EQ(MIMETypeForFileName(name), type) << name;
