@@ -1,5 +1,6 @@
 #include "Platform/Base/Error.h"
 
+#include <cstring>
 #include <utility>
 
 namespace vkq::platform {
@@ -19,6 +20,12 @@ std::string Error::description() const {
 
 ErrorPtr makeError(std::string domain, std::int64_t code, ErrorUserInfo userInfo) {
   return std::make_shared<const Error>(std::move(domain), code, std::move(userInfo));
+}
+
+ErrorPtr makePOSIXError(std::string_view call, int code) {
+  ErrorUserInfo info;
+  info.localizedDescription = std::string(call) + ": " + std::strerror(code);
+  return makeError(kPOSIXErrorDomain, code, std::move(info));
 }
 
 }  // namespace vkq::platform

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Platform/Base/Bytes.h"
 
@@ -20,6 +21,8 @@ class HTTPResponse;
 inline constexpr const char* kURLErrorDomain = "vkq.platform.url";
 // Domain of failures to build a URL request from parameters.
 inline constexpr const char* kURLRequestSerializationErrorDomain = "vkq.platform.serialization.request";
+// Domain of failed system calls; the code is the errno value.
+inline constexpr const char* kPOSIXErrorDomain = "vkq.platform.posix";
 
 // Codes of the URL-loading domain, with the platform's values.
 enum URLErrorCode : std::int64_t {
@@ -80,6 +83,10 @@ using ErrorPtr = std::shared_ptr<const Error>;
 
 // Makes an error; the usual way to fill an error slot.
 ErrorPtr makeError(std::string domain, std::int64_t code, ErrorUserInfo userInfo = {});
+
+// The error of the system call `call` that failed with errno `code`, described as
+// "<call>: <the code's text>".
+ErrorPtr makePOSIXError(std::string_view call, int code);
 
 // Stores `value` in the slot when the caller gave one.
 inline void setError(ErrorPtr* slot, ErrorPtr value) {

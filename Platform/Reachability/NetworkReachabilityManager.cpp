@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <map>
 #include <string_view>
 #include <thread>
@@ -20,6 +19,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Platform/Base/Error.h"
 #include "Platform/Base/Log.h"
 #include "Platform/Base/MainQueue.h"
 
@@ -293,10 +293,10 @@ void NetworkReachabilityManager::State::deliver(Report report) {
 class NetworkReachabilityManager::Listener {
  public:
   using ChangeHandler = std::function<void()>;
-  using LossHandler = std::function<void(const std::string& reason)>;
+  using LossHandler = std::function<void(const ErrorPtr& error)>;
 
-  // The listener with its socket bound, or absent with the reason when the kernel refuses.
-  static std::unique_ptr<Listener> open(std::string& failure);
+  // The listener with its socket bound, or null with the error when the kernel refuses.
+  static std::unique_ptr<Listener> open(ErrorPtr* error);
 
   // Wakes the thread and joins it.
   ~Listener();
@@ -310,8 +310,8 @@ class NetworkReachabilityManager::Listener {
 
   Listener(Descriptor socket, Descriptor wake) : socket_(std::move(socket)), wake_(std::move(wake)) {}
   void run() noexcept;
-  // Returns when woken (empty) or when the socket fails (the reason).
-  std::string listen();
+  // Returns when woken (null) or when the socket fails (its error).
+  ErrorPtr listen();
   Drained drain();
 
   const Descriptor socket_;
@@ -322,10 +322,10 @@ class NetworkReachabilityManager::Listener {
 };
 
 std::unique_ptr<NetworkReachabilityManager::Listener> NetworkReachabilityManager::Listener::open(
-    std::string& failure) {
+    ErrorPtr* error) {
   Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
   if (!socket.valid()) {
-    failure = std::string("socket: ") + std::strerror(errno);
+    setError(error, makePOSIXError("socket", errno));
     return nullptr;
   }
   sockaddr_nl address{};
@@ -333,12 +333,12 @@ std::unique_ptr<NetworkReachabilityManager::Listener> NetworkReachabilityManager
   address.nl_groups =
       RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
   if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    failure = std::string("bind: ") + std::strerror(errno);
+    setError(error, makePOSIXError("bind", errno));
     return nullptr;
   }
   Descriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wake.valid()) {
-    failure = std::string("eventfd: ") + std::strerror(errno);
+    setError(error, makePOSIXError("eventfd", errno));
     return nullptr;
   }
   return std::unique_ptr<Listener>(new Listener(std::move(socket), std::move(wake)));
@@ -360,30 +360,29 @@ void NetworkReachabilityManager::Listener::start(ChangeHandler onChange, LossHan
 
 void NetworkReachabilityManager::Listener::run() noexcept {
   pthread_setname_np(pthread_self(), "vkq.reach");
-  std::string reason;
+  ErrorPtr error;
   try {
-    reason = listen();
-  } catch (const std::exception& e) {
-    reason = e.what();
+    error = listen();
   } catch (...) {
-    reason = "unknown exception";
+    // Only allocation can throw here: the thread gives up as after a socket failure.
+    error = makePOSIXError("listen", ENOMEM);
   }
-  if (reason.empty()) return;
+  if (!error) return;
   try {
-    onLost_(reason);
+    onLost_(error);
   } catch (...) {
     // Nothing is left to tell: the thread ends either way.
   }
 }
 
-std::string NetworkReachabilityManager::Listener::listen() {
+ErrorPtr NetworkReachabilityManager::Listener::listen() {
   for (;;) {
     std::array<pollfd, 2> fds{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
     if (::poll(fds.data(), fds.size(), -1) < 0) {
       if (errno == EINTR) continue;
-      return std::string("poll: ") + std::strerror(errno);
+      return makePOSIXError("poll", errno);
     }
-    if (fds[1].revents != 0) return {};
+    if (fds[1].revents != 0) return nullptr;
     if (fds[0].revents == 0) continue;
     switch (drain()) {
       case Drained::kNothing:
@@ -392,7 +391,7 @@ std::string NetworkReachabilityManager::Listener::listen() {
         onChange_();
         break;
       case Drained::kFailed:
-        return std::string("recv: ") + std::strerror(errno);
+        return makePOSIXError("recv", errno);
     }
   }
 }
@@ -443,17 +442,21 @@ NetworkReachabilityManager::~NetworkReachabilityManager() { stopMonitoring(); }
 void NetworkReachabilityManager::startMonitoring() {
   std::lock_guard control(controlMutex_);
   if (state_->monitoring()) return;
-  std::string failure;
-  listener_ = Listener::open(failure);
-  if (!listener_) DDDebug("network reachability: kernel notices unavailable, status re-read on demand:", failure);
+  ErrorPtr failure;
+  listener_ = Listener::open(&failure);
+  if (!listener_) {
+    DDDebug("network reachability: kernel notices unavailable, status re-read on demand:",
+            failure->localizedDescription());
+  }
   // The socket is bound before the first reading, so no change after it goes unheard.
   state_->begin(listener_ == nullptr);
   if (listener_) {
     State* const state = state_.get();  // outlives the listener, which stopMonitoring() joins first
     listener_->start([state] { state->refreshFromKernel(); },
-                     [state](const std::string& reason) {
+                     [state](const ErrorPtr& error) {
                        state->fallBackToOnDemand();
-                       DDDebug("network reachability: kernel notices lost, status re-read on demand:", reason);
+                       DDDebug("network reachability: kernel notices lost, status re-read on demand:",
+                               error->localizedDescription());
                      });
   }
 }

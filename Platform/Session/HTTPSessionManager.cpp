@@ -18,20 +18,23 @@ namespace fs = std::filesystem;
 // (512 KiB measured slower).
 constexpr long kDownloadBufferSize = 100 * 1024;
 
-// The resume data's partial file, checked: it must lie in our folder and hold exactly
-// the bytes the data counts.
-void checkPartialFile(const ResumeData& resume) {
-  std::error_code error;
-  const fs::path file = fs::weakly_canonical(resume.partialFilePath, error);
-  const fs::path folder = fs::weakly_canonical(HTTPSessionManager::partialDownloadsFolder(), error);
-  if (error || file.parent_path() != folder) {
-    throw ResumeDataRefused("the partial file is not in the partial downloads folder");
+// Whether the resume data's partial file lies in our folder and holds exactly the bytes
+// the data counts; the refusal in `error` when not.
+[[nodiscard]] bool checkPartialFile(const ResumeData& resume, ErrorPtr* error) {
+  const auto refuse = [error](std::string_view reason) {
+    setError(error, makeResumeDataRefusal(reason));
+    return false;
+  };
+  std::error_code failure;
+  const fs::path file = fs::weakly_canonical(resume.partialFilePath, failure);
+  const fs::path folder = fs::weakly_canonical(HTTPSessionManager::partialDownloadsFolder(), failure);
+  if (failure || file.parent_path() != folder) return refuse("the partial file is not in the partial downloads folder");
+  if (!fs::is_regular_file(file, failure)) return refuse("the partial file is missing");
+  const auto size = fs::file_size(file, failure);
+  if (failure || size != static_cast<std::uintmax_t>(resume.bytesReceived)) {
+    return refuse("the partial file's size differs from the resume data");
   }
-  if (!fs::is_regular_file(file, error)) throw ResumeDataRefused("the partial file is missing");
-  const auto size = fs::file_size(file, error);
-  if (error || size != static_cast<std::uintmax_t>(resume.bytesReceived)) {
-    throw ResumeDataRefused("the partial file's size differs from the resume data");
-  }
+  return true;
 }
 
 // A task of type Task over a new transfer of `request` into a body of type Body.
@@ -90,15 +93,15 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequ
 
 std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResumeData(
     const Bytes& resumeData, ProgressBlock progress, DownloadDestination destination,
-    DownloadTaskCompletion completionHandler) {
-  std::string reason;
-  const auto resume = ResumeData::decode(resumeData, reason);
-  if (!resume) throw ResumeDataRefused("resume data refused: " + reason);
+    DownloadTaskCompletion completionHandler, ErrorPtr* error) {
+  const auto resume = ResumeData::decode(resumeData, error);
+  if (!resume) return nullptr;
   URLRequest request = DownloadTaskBody::requestForResumeData(*resume);
   if (!request.url || (request.url->scheme() != "http" && request.url->scheme() != "https")) {
-    throw ResumeDataRefused("resume data refused: not an HTTP URL");
+    setError(error, makeResumeDataRefusal("not an HTTP URL"));
+    return nullptr;
   }
-  checkPartialFile(*resume);
+  if (!checkPartialFile(*resume, error)) return nullptr;
 
   return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
       engine_, std::make_shared<const URLRequest>(std::move(request)),

@@ -28,7 +28,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 #include "Platform/Base/Bytes.h"
@@ -50,12 +49,6 @@ class SessionEngine;
 // (decoded) body fails the task with kURLErrorDataLengthExceedsMaximum, so neither an
 // endless answer nor a compression bomb can exhaust memory. Downloads have no limit.
 inline constexpr std::size_t kMaximumDataTaskBodyLength = std::size_t{64} << 20;
-
-// Thrown by downloadTaskWithResumeData() for resume data it cannot continue from.
-class ResumeDataRefused : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 class HTTPSessionManager {
  public:
@@ -109,12 +102,14 @@ class HTTPSessionManager {
                                                                   DownloadTaskCompletion completionHandler);
   // Continues a download from its resume data with a Range request guarded by
   // If-Range: the rest is appended to the partial file; when the server sends the
-  // whole (changed) entity instead, the download starts over. Throws
-  // ResumeDataRefused when the data is not resume data of this transport, or its
-  // partial file is missing or of another size. Use the resume data for one task only.
+  // whole (changed) entity instead, the download starts over. Null, with an error of
+  // kURLErrorDomain (kURLErrorCannotDecodeRawData) saying why, when the data is not
+  // resume data of this transport or its partial file is missing or of another size.
+  // Use the resume data for one task only.
   std::shared_ptr<URLSessionDownloadTask> downloadTaskWithResumeData(const Bytes& resumeData, ProgressBlock progress,
                                                                      DownloadDestination destination,
-                                                                     DownloadTaskCompletion completionHandler);
+                                                                     DownloadTaskCompletion completionHandler,
+                                                                     ErrorPtr* error);
 
  private:
   const std::shared_ptr<SessionEngine> engine_;

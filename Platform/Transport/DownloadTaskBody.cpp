@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <cstring>
 #include <system_error>
 
 #include <fcntl.h>
@@ -84,29 +83,36 @@ bool DownloadTaskBody::requestResumeData(ResumeDataHandler handler) {
   return true;
 }
 
-ErrorPtr DownloadTaskBody::fileError(URLErrorCode code, const std::string& what) const {
-  return makeTransportError(code, what + " (" + path_.string() + "): " + std::strerror(errno), url_);
+ErrorPtr DownloadTaskBody::fileError(URLErrorCode code, const std::string& what, const ErrorPtr& cause) const {
+  return makeTransportError(code, what + " (" + path_.string() + "): " + cause->localizedDescription(), url_);
 }
 
 ErrorPtr DownloadTaskBody::openFile() {
   int descriptor = -1;
+  const char* call = "open";
   if (path_.empty()) {
     std::error_code ignored;
     fs::create_directories(folder_, ignored);
     std::string name = (folder_ / "download-XXXXXX").string();
     descriptor = mkostemp(name.data(), O_CLOEXEC);
+    call = "mkostemp";
     path_ = descriptor >= 0 ? fs::path(name) : folder_;
   } else {
     descriptor = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   }
-  if (descriptor < 0) return fileError(kURLErrorCannotCreateFile, "Cannot open the download file");
+  if (descriptor < 0) {
+    return fileError(kURLErrorCannotCreateFile, "Cannot open the download file", makePOSIXError(call, errno));
+  }
   file_ = std::make_unique<FileWriter>(descriptor, kFileBufferSize);
   return truncateFile();
 }
 
 // Cuts the file to `offset_` bytes and writes on from there.
 ErrorPtr DownloadTaskBody::truncateFile() {
-  if (!file_->truncate(offset_)) return fileError(kURLErrorCannotWriteToFile, "Cannot prepare the download file");
+  ErrorPtr failure;
+  if (!file_->truncate(offset_, &failure)) {
+    return fileError(kURLErrorCannotWriteToFile, "Cannot prepare the download file", failure);
+  }
   written_ = offset_;
   return nullptr;
 }
@@ -154,8 +160,8 @@ ErrorPtr DownloadTaskBody::didReceiveResponse(const HTTPResponse& response, std:
 
 ErrorPtr DownloadTaskBody::didReceiveData(const char* data, std::size_t length) {
   if (discarding_) return nullptr;
-  if (!file_->write(data, length)) {
-    return fileError(kURLErrorCannotWriteToFile, "Cannot write the download file");
+  if (ErrorPtr failure; !file_->write(data, length, &failure)) {
+    return fileError(kURLErrorCannotWriteToFile, "Cannot write the download file", failure);
   }
   written_ += static_cast<std::int64_t>(length);
   return nullptr;
@@ -183,9 +189,10 @@ void DownloadTaskBody::removeFile() {
 
 ErrorPtr DownloadTaskBody::didFinish(ErrorPtr error, bool cancelled) {
   if (file_) {
-    const bool closed = file_->close();
+    ErrorPtr failure;
+    const bool closed = file_->close(&failure);
     file_.reset();
-    if (!closed && !error) error = fileError(kURLErrorCannotWriteToFile, "Cannot write the download file");
+    if (!closed && !error) error = fileError(kURLErrorCannotWriteToFile, "Cannot write the download file", failure);
   }
   std::lock_guard lock(mutex_);
   finished_ = true;

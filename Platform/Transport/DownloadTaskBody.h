@@ -64,7 +64,8 @@ class DownloadTaskBody final : public BodySink {
  private:
   ErrorPtr openFile();
   ErrorPtr truncateFile();
-  ErrorPtr fileError(URLErrorCode code, const std::string& what) const;
+  // The task's error for a file operation `what` that failed with `cause`.
+  ErrorPtr fileError(URLErrorCode code, const std::string& what, const ErrorPtr& cause) const;
   bool isResumable() const;
   void removeFile();
   // Moves the finished file to `target`; false, with `error`, when it cannot.

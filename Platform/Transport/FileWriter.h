@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "Platform/Base/Error.h"
+
 namespace vkq::platform {
 
 class FileWriter {
@@ -17,16 +19,16 @@ class FileWriter {
   FileWriter(const FileWriter&) = delete;
   FileWriter& operator=(const FileWriter&) = delete;
 
-  // Each returns false, with errno set, on failure.
-  bool write(const char* data, std::size_t length);
+  // Each returns false on failure, with the failed system call's error in `error`.
+  [[nodiscard]] bool write(const char* data, std::size_t length, ErrorPtr* error);
   // Cuts the file to `length` bytes and continues writing there.
-  bool truncate(std::int64_t length);
+  [[nodiscard]] bool truncate(std::int64_t length, ErrorPtr* error);
   // Writes what is buffered and closes the file.
-  bool close();
+  [[nodiscard]] bool close(ErrorPtr* error);
 
  private:
-  bool flush();
-  bool writeAll(const char* data, std::size_t length);
+  bool flush(ErrorPtr* error);
+  bool writeAll(const char* data, std::size_t length, ErrorPtr* error);
 
   int descriptor_;
   std::vector<char> buffer_;

@@ -28,31 +28,31 @@ Bytes ResumeData::encoded() const {
   return archiver.encodedData();
 }
 
-std::optional<ResumeData> ResumeData::decode(const Bytes& data, std::string& reason) {
+std::optional<ResumeData> ResumeData::decode(const Bytes& data, ErrorPtr* error) {
+  const auto refuse = [error](std::string_view reason) {
+    setError(error, makeResumeDataRefusal(reason));
+    return std::nullopt;
+  };
   const auto unarchiver = KeyedUnarchiver::unarchiverWithData(data);
-  if (!unarchiver) {
-    reason = "not a property list dictionary";
-    return std::nullopt;
-  }
-  if (unarchiver->decodeInteger(kVersionKey) != kVersion) {
-    reason = "not resume data of this transport (version)";
-    return std::nullopt;
-  }
+  if (!unarchiver) return refuse("not a property list dictionary");
+  if (unarchiver->decodeInteger(kVersionKey) != kVersion) return refuse("not resume data of this transport (version)");
   auto url = unarchiver->decodeString(kURLKey);
   auto headers = unarchiver->decodeStringPairs(kHeadersKey);
   auto timeout = unarchiver->decodeDouble(kTimeoutKey);
   auto bytes = unarchiver->decodeInteger(kBytesKey);
   auto path = unarchiver->decodeString(kPathKey);
   auto validator = unarchiver->decodeString(kValidatorKey);
-  if (!url || !headers || !timeout || !bytes || !path || !validator) {
-    reason = "a field is missing";
-    return std::nullopt;
-  }
+  if (!url || !headers || !timeout || !bytes || !path || !validator) return refuse("a field is missing");
   if (*bytes <= 0 || path->empty() || validator->empty() || url->empty()) {
-    reason = "a field is empty or out of range";
-    return std::nullopt;
+    return refuse("a field is empty or out of range");
   }
   return ResumeData{std::move(*url), std::move(*headers), *timeout, *bytes, std::move(*path), std::move(*validator)};
+}
+
+ErrorPtr makeResumeDataRefusal(std::string_view reason) {
+  ErrorUserInfo info;
+  info.localizedDescription = "resume data refused: " + std::string(reason);
+  return makeError(kURLErrorDomain, kURLErrorCannotDecodeRawData, std::move(info));
 }
 
 }  // namespace vkq::platform

@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "Platform/Base/Bytes.h"
+#include "Platform/Base/Error.h"
 
 namespace vkq::platform {
 
@@ -26,9 +28,13 @@ struct ResumeData {
   std::string validator;
 
   Bytes encoded() const;
-  // Absent, with the reason in `reason`, when `data` is not resume data of this
-  // version or a field is missing or out of range.
-  static std::optional<ResumeData> decode(const Bytes& data, std::string& reason);
+  // Absent, with a refusal in `error`, when `data` is not resume data of this version
+  // or a field is missing or out of range.
+  static std::optional<ResumeData> decode(const Bytes& data, ErrorPtr* error);
 };
+
+// The error for resume data the transport cannot continue from (kURLErrorDomain,
+// kURLErrorCannotDecodeRawData), described as "resume data refused: <reason>".
+ErrorPtr makeResumeDataRefusal(std::string_view reason);
 
 }  // namespace vkq::platform

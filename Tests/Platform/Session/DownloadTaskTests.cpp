@@ -45,8 +45,8 @@ class DownloadTaskTest : public ::testing::Test {
     request.setValueForHTTPHeaderField("1", "X-Client");  // resume data must carry it to the continuation
     return manager->downloadTaskWithRequest(request, std::move(progress), destination(), outcomes.collector());
   }
-  DownloadTask resumed(const Bytes& data) {
-    return manager->downloadTaskWithResumeData(data, nullptr, destination(), outcomes.collector());
+  DownloadTask resumed(const Bytes& data, platform::ErrorPtr* error = nullptr) {
+    return manager->downloadTaskWithResumeData(data, nullptr, destination(), outcomes.collector(), error);
   }
   HTTPSessionManager::DownloadDestination destination() {
     return [this](auto...) { return platform::URL::fileURLWithPath(target.string()); };
@@ -181,9 +181,9 @@ TEST_F(DownloadTaskTest, RangeAnsweredFromTheWrongPositionIsNeverAppended) {
 
 TEST_F(DownloadTaskTest, ResumeDataItCannotContinueFromIsRefused) {
   const Bytes good = interruptedDownload(patternBytes(1 << 20), FileOptions().withETag("\"v1\""), 256 << 10);
-  std::string reason;
-  const auto decoded = platform::ResumeData::decode(good, reason);
-  ASSERT_TRUE(decoded.has_value()) << reason;
+  platform::ErrorPtr error;
+  const auto decoded = platform::ResumeData::decode(good, &error);
+  ASSERT_TRUE(decoded.has_value()) << error->description();
   const auto changed = [&decoded](auto change) {
     platform::ResumeData copy = *decoded;
     change(copy);
@@ -202,8 +202,12 @@ TEST_F(DownloadTaskTest, ResumeDataItCannotContinueFromIsRefused) {
       {"nothing to continue from", changed([](auto& d) { d.bytesReceived = 0; })},
       {"no validator for If-Range", changed([](auto& d) { d.validator.clear(); })},
   };
-  for (const auto& [label, data] : refused) EXPECT_THROW(resumed(data), platform::ResumeDataRefused) << label;
-  EXPECT_NO_THROW(resumed(good));
+  for (const auto& [label, data] : refused) {
+    platform::ErrorPtr refusal;
+    EXPECT_EQ(resumed(data, &refusal), nullptr) << label;
+    EXPECT_EQ(codeOf(refusal), platform::kURLErrorCannotDecodeRawData) << label;
+  }
+  EXPECT_NE(resumed(good), nullptr);
 }
 
 TEST_F(DownloadTaskTest, CancelByProducingResumeDataThenResumeAndNoneOnceFinished) {
