@@ -3,8 +3,9 @@
 // addRequest() turns a request into a transport task, keeps the request in a registry
 // keyed by the task's identifier while it runs, and when the transport finishes lets
 // the request's response serializer build its VKQVeskResult and delivers it on the
-// main queue. Requests that fail before anything is sent (no task could be made: -2;
-// network not reachable: -1) are delivered the same way.
+// main queue. Requests that fail before anything is sent (no task could be made:
+// VKQResponseCodeHTTPError; network not reachable: VKQResponseCodeNetworkError) are
+// delivered the same way.
 //
 // Threads: addRequest() and cancelRequest() may be called from any thread; a task is
 // made on the calling thread. Answers are decoded on the transport's completion queue
@@ -19,9 +20,12 @@
 //
 // Downloads: a JSON GET request with a resumableDownloadPath is run as a file
 // download. Resume data of an interrupted download (failed or cancelled) is kept by
-// VKQResumeDataStore (the folder "Incomplete" under the temporary directory, a file
-// named by the MD5 of the download path), and the next download of the same path
-// continues from it.
+// VKQResumeDataStore, and the next download of the same path continues from it.
+//
+// The class is implemented by concern: VKQNetworkAgent.cpp (starting, cancelling,
+// the registry, delivery), VKQNetworkAgent+Building.cpp (URL, serializers, tasks),
+// VKQNetworkAgent+Downloads.cpp (download tasks, targets, resume data) and
+// VKQNetworkAgent+DebugLog.cpp (the KXP request log).
 #pragma once
 
 #include <cstddef>
@@ -35,10 +39,10 @@
 #include "Classes/VKQNetworkAgentRecord.h"
 #include "Platform/Base/Bytes.h"
 #include "Platform/Base/Error.h"
-#include "Platform/Serialization/HTTPRequestSerializer.h"
-#include "Platform/Serialization/Object.h"
 #include "Platform/Base/Progress.h"
 #include "Platform/HTTP/URL.h"
+#include "Platform/Serialization/HTTPRequestSerializer.h"
+#include "Platform/Serialization/Object.h"
 
 namespace vkq::platform {
 class HTTPSessionManager;
@@ -54,6 +58,8 @@ class VKQKXPResponseSerializer;
 
 class VKQNetworkAgent {
  public:
+  // ======== The application's API ========
+
   // The agent, made on first use (thread-safe) and never destroyed.
   static VKQNetworkAgent& sharedAgent();
 
@@ -61,8 +67,9 @@ class VKQNetworkAgent {
   VKQNetworkAgent& operator=(const VKQNetworkAgent&) = delete;
 
   // Starts the request: makes its task, then either registers and resumes it, or
-  // delivers -2 (the task could not be made; the request's error says why) or -1 (the
-  // network is not reachable; an unknown status counts as reachable).
+  // delivers VKQResponseCodeHTTPError (the task could not be made; the request's error
+  // says why) or VKQResponseCodeNetworkError (the network is not reachable; an unknown
+  // status counts as reachable).
   // REQUIRES: request is not null (fatal assertion otherwise). A request whose method
   // or serializer type selects no task stops on the assertion
   // "requestTask should not be nil".
@@ -73,15 +80,21 @@ class VKQNetworkAgent {
   // REQUIRES: request is not null.
   void cancelRequest(const std::shared_ptr<VKQVeskRequest>& request);
 
-  // ---- Registry (each call takes the lock once) ----
+  // The resume-data file of a download path: its MD5 name in the cache folder. Absent
+  // when the cache folder cannot be made.
+  std::optional<vkq::platform::URL> incompleteDownloadTempPathForDownloadPath(std::string_view path) const;
+
+  // ======== The agent's own parts ========
+  // The steps addRequest() and the transport's completions go through, grouped by the
+  // file that implements them. Applications do not call them; tests do.
+
+  // ---- Registry and completion (VKQNetworkAgent.cpp) ----
   // Insert / remove the request under its current task's identifier; a request
-  // without a task has no entry.
+  // without a task has no entry. Each takes the registry's lock once.
   void addRequestToRecord(const std::shared_ptr<VKQVeskRequest>& request);
   void removeRequestFromRecord(const std::shared_ptr<VKQVeskRequest>& request);
-  // The number of running requests; for tests and diagnostics.
+  // The number of running requests.
   std::size_t recordCount() const { return record_.count(); }
-
-  // ---- Completion paths ----
   // A failure before the task ran: stores `error` (may be null) in the request and
   // queues a main-queue job that calls completion, then failure, with a result of
   // `code`. The request is not in the registry and its callbacks stay attached.
@@ -95,8 +108,12 @@ class VKQNetworkAgent {
   // registry and its callbacks are cleared. Never throws.
   void handleRequestResult(const std::shared_ptr<vkq::platform::URLSessionTask>& task,
                            vkq::platform::Object responseObject, vkq::platform::ErrorPtr error);
+  // 32 lower-case hexadecimal digits: the MD5 of the UTF-8 text up to its first NUL,
+  // as VKQResumeDataStore names its files.
+  // REQUIRES: string is not empty (fatal assertion otherwise).
+  static std::string md5StringFromString(std::string_view string);
 
-  // ---- URL and serializers ----
+  // ---- From a request to a task (VKQNetworkAgent+Building.cpp) ----
   // The URL to request: `url` when it is absolute (scheme and host), else `path` when
   // it is absolute, both verbatim; otherwise `path` resolved against `host` (which
   // gains a trailing "/" first). Absent when that does not parse.
@@ -111,17 +128,16 @@ class VKQNetworkAgent {
   // thread). The JSON one accepts every status: the transport has validated it.
   const std::shared_ptr<VKQJSONResponseSerializer>& jsonResponseSerializer();
   const std::shared_ptr<VKQKXPResponseSerializer>& kxpResponseSerializer();
-
-  // ---- Tasks (made suspended; addRequest() resumes them) ----
-  // The task for a request: KXP requests by "POST" after the debug log, JSON requests
-  // by their method, JSON GET requests with a resumableDownloadPath as downloads. Null
-  // with the serializer's error in `error` when the URL request could not be built;
-  // null with `error` untouched for a method or serializer type outside the
-  // enumerations.
+  // The task for a request, made suspended: KXP requests by "POST" after the debug
+  // log, JSON requests by their method, JSON GET requests with a resumableDownloadPath
+  // as downloads. Null with the serializer's error in `error` when the URL request
+  // could not be built; null with `error` untouched for a method or serializer type
+  // outside the enumerations.
   std::shared_ptr<vkq::platform::URLSessionTask> sessionTaskForRequest(const std::shared_ptr<VKQVeskRequest>& request,
                                                                       vkq::platform::ErrorPtr* error);
-  // A data task whose completion goes to handleRequestResult(). With a body block the
-  // body is multipart/form-data. Null, with the error, when the serializer fails.
+  // A suspended data task whose completion goes to handleRequestResult(). With a body
+  // block the body is multipart/form-data. Null, with the error, when the serializer
+  // fails.
   std::shared_ptr<vkq::platform::URLSessionDataTask> dataTaskWithHTTPMethod(
       std::string_view method, const vkq::platform::HTTPRequestSerializer& serializer, std::string_view URLString,
       const vkq::platform::Object& parameters, vkq::platform::ErrorPtr* error);
@@ -130,16 +146,14 @@ class VKQNetworkAgent {
       const vkq::platform::Object& parameters, const vkq::platform::MultipartBodyBlock& block,
       vkq::platform::ErrorPtr* error);
 
-  // ---- Downloads ----
-  // A "GET" download of URLString into `path`: the file itself, or, when `path` is an
-  // existing folder, the URL's last path component inside it. A file already at the
-  // target is removed at once. Resumes when resume data for the target exists and the
-  // data stored for `path` is a property list the transport accepts (into a folder,
-  // both files must hold the same data, since the folder's may belong to another
-  // download into it); otherwise (also
-  // when the transport refuses it: "Resume download failed, reason = " is logged) a
-  // fresh download. When the task ends, a failure's resume data is stored and a
-  // success removes any. Null with an error (domain kURLErrorDomain, code
+  // ---- Downloads (VKQNetworkAgent+Downloads.cpp) ----
+  // A suspended "GET" download of URLString into `path`: the file itself, or, when
+  // `path` is an existing folder, the URL's last path component inside it. A file
+  // already at the target is removed at once. Resumes when VKQResumeDataStore holds
+  // data for the download that validateResumeData() accepts; otherwise (also when the
+  // transport refuses it: "Resume download failed, reason = " is logged) a fresh
+  // download. When the task ends, a failure's resume data is stored and a success
+  // removes any. Null with an error (domain kURLErrorDomain, code
   // kURLErrorCannotCreateFile) when the last path component would leave the folder
   // (".", "..", empty, or holding "/"), and null with the serializer's error when the
   // URL request of a fresh download could not be built.
@@ -149,16 +163,11 @@ class VKQNetworkAgent {
   // "<temporary directory>/Incomplete" (TMPDIR, default /tmp), created on every call;
   // absent, after logging "Failed to create cache directory at", when it can't be.
   std::optional<std::string> incompleteDownloadTempCacheFolder() const;
-  // The file URL of the resume-data file for a download path: its MD5 name in the
-  // cache folder. Absent when the cache folder is.
-  std::optional<vkq::platform::URL> incompleteDownloadTempPathForDownloadPath(std::string_view path) const;
-  // True for non-empty data that parses as a property list (of any content).
+  // True for resume data worth offering to the transport: present, non-empty and in
+  // the form the transport's resume data has (a property list, of any content).
   static bool validateResumeData(const std::optional<vkq::platform::Bytes>& data);
-  // 32 lower-case hexadecimal digits: the MD5 of the UTF-8 text up to its first NUL.
-  // REQUIRES: string is not empty (fatal assertion otherwise).
-  static std::string md5StringFromString(std::string_view string);
 
-  // ---- Debug log ----
+  // ---- Debug log (VKQNetworkAgent+DebugLog.cpp) ----
   // Writes the three entries that show a KXP request's URL, frame settings and the
   // serializer's default header fields: start rule, settings text, end rule.
   void sessionDebugWithRequest(const VKQHTTPRequestSerializer& serializer) const;
@@ -172,6 +181,10 @@ class VKQNetworkAgent {
   // cleared.
   void deliverResult(std::uint64_t taskIdentifier, const std::shared_ptr<VKQVeskRequest>& request,
                      const std::shared_ptr<VKQVeskResult>& result);
+  // Cancels a download of `path` by producing resume data, which is stored for the
+  // next download of the same path (VKQNetworkAgent+Downloads.cpp).
+  void cancelDownloadTask(const std::shared_ptr<vkq::platform::URLSessionDownloadTask>& task,
+                          const std::string& path);
 
   std::shared_ptr<vkq::platform::HTTPSessionManager> manager_;
   std::once_flag jsonResponseSerializerOnce_;

@@ -1,0 +1,129 @@
+// Resumable downloads: where a download lands, when it may continue from stored resume
+// data, and how resume data is kept when a download fails or is cancelled.
+#include "Classes/VKQNetworkAgent.h"
+
+#include <plist/plist.h>
+
+#include <filesystem>
+#include <limits>
+#include <utility>
+
+#include "Classes/VKQNetworkAgent+Private.h"
+#include "Classes/VKQResumeDataStore.h"
+#include "Platform/Base/Log.h"
+#include "Platform/Session/HTTPSessionManager.h"
+#include "Platform/Session/URLSessionTask.h"
+
+namespace fs = std::filesystem;
+using vkq::platform::Bytes;
+using vkq::platform::ErrorPtr;
+using vkq::platform::HTTPRequestSerializer;
+using vkq::platform::Object;
+using vkq::platform::URL;
+using vkq::platform::URLSessionDownloadTask;
+using vkq::platform::URLSessionTask;
+
+namespace {
+
+// The name a download of `url` gets inside `downloadPath` when that is an existing
+// folder; absent when it is not one (the download then writes the path itself).
+std::optional<std::string> fileNameInFolder(const std::string& downloadPath, const URL& url) {
+  std::error_code ec;
+  if (!fs::is_directory(downloadPath, ec)) return std::nullopt;
+  return url.lastPathComponent();
+}
+
+// A file name that keeps a download inside its folder.
+bool isContainedFileName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
+}  // namespace
+
+std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloadPath(
+    const std::string& path, const HTTPRequestSerializer& requestSerlizer, std::string_view URLString,
+    const Object& parameters, vkq::platform::ProgressBlock progress, ErrorPtr* error) {
+  ErrorPtr buildError;
+  const auto urlRequest = requestSerlizer.requestWithMethod("GET", URLString, parameters, &buildError);
+  if (buildError || !urlRequest || !urlRequest->url) {
+    vkq::platform::setError(error, VKQNetworkAgentSupport::requestBuildError(buildError));
+    return nullptr;
+  }
+
+  std::string target = path;
+  if (const auto name = fileNameInFolder(path, *urlRequest->url)) {
+    if (!isContainedFileName(*name)) {
+      vkq::platform::setError(error, VKQNetworkAgentSupport::describedError(
+                                         vkq::platform::kURLErrorDomain, vkq::platform::kURLErrorCannotCreateFile,
+                                         "The download's file name \"" + *name + "\" would leave the folder " + path,
+                                         urlRequest->url->absoluteString()));
+      return nullptr;
+    }
+    target = (fs::path(path) / *name).string();
+  }
+  // An earlier file is gone even if this download fails; a failure to remove is ignored.
+  std::error_code ec;
+  fs::remove_all(target, ec);
+
+  std::optional<Bytes> resumeData = VKQResumeDataStore::load(path, target);
+
+  auto destination = [target](const URL&, std::shared_ptr<const vkq::platform::HTTPResponse>) {
+    return URL::fileURLWithPath(target, false);
+  };
+  auto slot = std::make_shared<std::weak_ptr<URLSessionTask>>();
+  auto completion = [this, slot, path, target](std::shared_ptr<const vkq::platform::HTTPResponse>,
+                                               std::optional<URL> file, ErrorPtr taskError) {
+    if (!taskError) {
+      VKQResumeDataStore::remove(path, target);
+    } else if (taskError->userInfo().resumeData) {
+      VKQResumeDataStore::store(path, target, *taskError->userInfo().resumeData);
+    }
+    handleRequestResult(slot->lock(), file ? Object(std::move(*file)) : Object(), std::move(taskError));
+  };
+
+  std::shared_ptr<URLSessionDownloadTask> task;
+  if (validateResumeData(resumeData)) {
+    try {
+      ErrorPtr refusal;
+      task = manager_->downloadTaskWithResumeData(*resumeData, progress, destination, completion, &refusal);
+      if (!task) DDDebug("Resume download failed, reason = ", refusal->localizedDescription());
+    } catch (const std::exception& e) {
+      DDDebug("Resume download failed, reason = ", e.what());
+    }
+  }
+  if (!task) task = manager_->downloadTaskWithRequest(*urlRequest, progress, destination, completion);
+  *slot = task;
+  return task;
+}
+
+void VKQNetworkAgent::cancelDownloadTask(const std::shared_ptr<URLSessionDownloadTask>& task,
+                                         const std::string& path) {
+  // The target as the task was made: the URL that was sent names the file in a folder.
+  std::string target = path;
+  auto sent = task->originalRequest();
+  if (!sent || !sent->url) sent = task->currentRequest();
+  if (sent && sent->url) {
+    if (const auto name = fileNameInFolder(path, *sent->url)) target = (fs::path(path) / *name).string();
+  }
+  task->cancelByProducingResumeData([path, target](std::optional<Bytes> resumeData) {
+    if (resumeData) VKQResumeDataStore::store(path, target, *resumeData);
+  });
+}
+
+std::optional<std::string> VKQNetworkAgent::incompleteDownloadTempCacheFolder() const {
+  return VKQResumeDataStore::folder();
+}
+
+std::optional<URL> VKQNetworkAgent::incompleteDownloadTempPathForDownloadPath(std::string_view path) const {
+  return VKQResumeDataStore::fileForName(path);
+}
+
+bool VKQNetworkAgent::validateResumeData(const std::optional<Bytes>& data) {
+  if (!data || data->empty() || data->size() > std::numeric_limits<std::uint32_t>::max()) return false;
+  plist_t plist = nullptr;
+  plist_from_memory(reinterpret_cast<const char*>(data->data()), static_cast<std::uint32_t>(data->size()), &plist);
+  if (plist == nullptr) return false;
+  plist_free(plist);
+  return true;
+}
