@@ -32,6 +32,7 @@
 
 #include "Benchmarks/PairedRatios.h"
 #include "Classes/Serialization/Request/VKQHTTPRequestSerializer.h"
+#include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVesk.h"
@@ -70,7 +71,7 @@ std::shared_ptr<VKQVesk> makeRequest(const std::string& path, bool compress = tr
 }
 
 // The settings both ends use: the request defaults, with or without compression.
-VKQKXPFrameSettings settings(bool compress = true) { return VKQKXPFrameSettings::fromRequest(*makeRequest("/", compress)); }
+VKQKXPFrameSettings settings(bool compress = true) { return VKQKXPFrameSettingsOf(*makeRequest("/", compress)); }
 
 double cpuSeconds() {
   rusage usage{};

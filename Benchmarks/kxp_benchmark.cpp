@@ -15,9 +15,10 @@
 #include "Benchmarks/RecordsData.h"
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
+#include "Classes/Codec/VKQKXPFrame.h"
 #include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
-#include "Classes/Serialization/VKQKXPFrameLayout.h"
+#include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/VKQVesk.h"
 #include "Classes/VKQVeskResult.h"
 
@@ -70,15 +71,10 @@ void BM_FramePieces(benchmark::State& state) {
 
 void BM_Parse(benchmark::State& state) {
   const auto request = requestFor(state);
-  const auto settings = VKQKXPFrameSettings::fromRequest(*request);
+  const auto settings = VKQKXPFrameSettingsOf(*request);
   const auto serializer = VKQKXPResponseSerializer::serializer();
-  Bytes wire = payload(state.range(0));
-  if (settings.compress) wire = *Deflate::compress(wire);
-  Encrypt::xorWithKey(wire, kKey);
-  Bytes frame;
-  VKQKXPFrame::appendResponseHeader(frame, settings, wire);
-  frame.insert(frame.end(), wire.begin(), wire.end());
-  request->setResponseData(Object(std::move(frame)));
+  Bytes argument = payload(state.range(0));
+  request->setResponseData(Object(*VKQKXPFrame::packResponse(argument, settings)));
   const vkq::platform::ErrorPtr noError;
   for (auto _ : state) {
     const auto result = serializer->deserialize(request, &noError);

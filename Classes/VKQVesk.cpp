@@ -79,18 +79,19 @@ std::shared_ptr<VKQVesk> VKQVesk::initWithDownloadURL(std::string url, std::stri
 }
 
 void VKQVesk::defultValue() {
-  version_ = 0;
-  xorKey_ = 0;
-  insertAtBeginBody_ = 0x2018;
+  const VKQKXPFrameSettings& defaults = VKQKXPFrame::kDefaultSettings;
+  version_ = defaults.version;
+  xorKey_ = defaults.xorKey;
+  insertAtBeginBody_ = defaults.insertAtBeginBody;
   requestSerializerType_ = VKQRequestSerializerTypeKXP;
   responseSerializerType_ = VKQResponseSerializerTypeKXP;
   requestMethod_ = VKQRequestMethodPOST;
-  compress_ = true;
-  uploadOSType_ = true;
-  bigEndian_ = true;
-  nonProtocol_ = false;
-  packageName_.reset();
-  releaseVersion_ = -1;
+  compress_ = defaults.compress;
+  uploadOSType_ = defaults.uploadOSType;
+  bigEndian_ = VKQKXPFrame::kBigEndian;
+  nonProtocol_ = defaults.nonProtocol;
+  packageName_ = defaults.packageName;
+  releaseVersion_ = defaults.releaseVersion;
 }
 
 VKQVesk::Promise<VKQRequestSerializerType> VKQVesk::requestSerializerTypePromise() {

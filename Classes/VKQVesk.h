@@ -48,8 +48,8 @@ class VKQVesk : public VKQVeskRequest {
   // initializers above.
   VKQVesk() = default;
 
-  // The KXP defaults: version 0, key 0, begin marker 0x2018, KXP serializers, POST,
-  // compressed, OS type sent, big-endian, framed, no package name, release -1.
+  // KXP serializers, POST, and the KXP defaults of the base class
+  // (VKQKXPFrame::kDefaultSettings, big-endian).
   void defultValue();
 
   // ---- Promises ----

@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "Classes/Codec/VKQKXPFrame.h"
 #include "Platform/Base/Error.h"
 #include "Platform/HTTP/HTTPHeaders.h"
 #include "Platform/HTTP/HTTPResponse.h"
@@ -86,18 +87,19 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   // First element the user name, last the password, for a Basic authorization header.
   virtual std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const { return std::nullopt; }
   virtual bool allowsCellularAccess() const { return true; }
-  // KXP settings; 0 switches the begin marker, version and mask off.
-  virtual std::uint8_t version() const { return 0; }
-  virtual std::uint8_t xorKey() const { return 0; }
-  virtual bool compress() const { return true; }
-  virtual std::uint16_t insertAtBeginBody() const { return 0x2018; }
-  virtual bool uploadOSType() const { return true; }
-  virtual std::optional<std::string> packageName() const { return std::nullopt; }
-  virtual std::int32_t releaseVersion() const { return -1; }
+  // KXP settings (VKQKXPFrame.h), answered with VKQKXPFrame::kDefaultSettings; 0
+  // switches the begin marker, version and mask off.
+  virtual std::uint8_t version() const { return kKXPDefaults.version; }
+  virtual std::uint8_t xorKey() const { return kKXPDefaults.xorKey; }
+  virtual bool compress() const { return kKXPDefaults.compress; }
+  virtual std::uint16_t insertAtBeginBody() const { return kKXPDefaults.insertAtBeginBody; }
+  virtual bool uploadOSType() const { return kKXPDefaults.uploadOSType; }
+  virtual std::optional<std::string> packageName() const { return kKXPDefaults.packageName; }
+  virtual std::int32_t releaseVersion() const { return kKXPDefaults.releaseVersion; }
   // Shown by the debug log only: KXP frames are always big-endian.
-  virtual bool bigEndian() const { return true; }
+  virtual bool bigEndian() const { return VKQKXPFrame::kBigEndian; }
   // True: body and answer pass without KXP framing.
-  virtual bool nonProtocol() const { return false; }
+  virtual bool nonProtocol() const { return kKXPDefaults.nonProtocol; }
 
   // ---- Starting ----
   // Stores the success, then the failure callback, and hands the request to the agent.
@@ -144,6 +146,8 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   virtual std::string description() const;
 
  private:
+  static constexpr const VKQKXPFrameSettings& kKXPDefaults = VKQKXPFrame::kDefaultSettings;
+
   // Hands the request to the shared agent. REQUIRES: owned by a std::shared_ptr
   // (fatal assertion otherwise).
   void start();

@@ -1,26 +1,13 @@
-#include "Classes/Serialization/VKQKXPFrameLayout.h"
+#include "Classes/Codec/VKQKXPFrame.h"
 
 #include <concepts>
+#include <cstdio>
 #include <cstring>
 #include <type_traits>
 
 #include "Classes/Codec/ByteOrder.h"
+#include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
-#include "Classes/VKQVeskRequest.h"
-#include "Platform/Base/Bytes.h"
-
-VKQKXPFrameSettings VKQKXPFrameSettings::fromRequest(const VKQVeskRequest& request) {
-  VKQKXPFrameSettings settings;
-  settings.nonProtocol = request.nonProtocol();
-  settings.compress = request.compress();
-  settings.xorKey = request.xorKey();
-  settings.insertAtBeginBody = request.insertAtBeginBody();
-  settings.version = request.version();
-  settings.uploadOSType = request.uploadOSType();
-  settings.packageName = request.packageName();
-  settings.releaseVersion = request.releaseVersion();
-  return settings;
-}
 
 namespace VKQKXPFrame {
 namespace {
@@ -86,16 +73,16 @@ class FieldReader {
   bool complete_ = true;
 };
 
+std::size_t responseHeaderSize(const VKQKXPFrameSettings& settings) {
+  return (hasBeginMarker(settings) ? kMarkerWidth : 0) + (hasVersion(settings) ? kVersionWidth : 0) + 2 * kWordWidth;
+}
+
 }  // namespace
 
 std::size_t requestHeaderSize(const VKQKXPFrameSettings& settings) {
   return (hasBeginMarker(settings) ? kMarkerWidth : 0) + (hasVersion(settings) ? kVersionWidth : 0) +
          (hasOSType(settings) ? kOSTypeWidth : 0) + 2 * kWordWidth + (hasPackageCRC(settings) ? kWordWidth : 0) +
          (hasReleaseCRC(settings) ? kWordWidth : 0);
-}
-
-std::size_t responseHeaderSize(const VKQKXPFrameSettings& settings) {
-  return (hasBeginMarker(settings) ? kMarkerWidth : 0) + (hasVersion(settings) ? kVersionWidth : 0) + 2 * kWordWidth;
 }
 
 std::optional<std::uint32_t> packageCRC(const VKQKXPFrameSettings& settings) {
@@ -106,26 +93,6 @@ std::optional<std::uint32_t> packageCRC(const VKQKXPFrameSettings& settings) {
 std::optional<std::uint32_t> releaseCRC(const VKQKXPFrameSettings& settings) {
   if (!hasReleaseCRC(settings)) return std::nullopt;
   return crcOf(vkq::platform::bytesFromString(std::to_string(settings.releaseVersion)));
-}
-
-void appendRequestHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
-                         std::span<const std::uint8_t> payload) {
-  if (hasBeginMarker(settings)) appendField(frame, settings.insertAtBeginBody);
-  if (hasVersion(settings)) appendField(frame, settings.version);
-  if (hasOSType(settings)) appendField(frame, kOSType);
-  appendField(frame, static_cast<std::uint32_t>(payload.size()));
-  appendField(frame, crcOf(payload));
-  // Checked here first: the fields are rare, and a frame is built per request.
-  if (hasPackageCRC(settings)) appendField(frame, *packageCRC(settings));
-  if (hasReleaseCRC(settings)) appendField(frame, *releaseCRC(settings));
-}
-
-void appendResponseHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
-                          std::span<const std::uint8_t> payload) {
-  if (hasBeginMarker(settings)) appendField(frame, settings.insertAtBeginBody);
-  if (hasVersion(settings)) appendField(frame, settings.version);
-  appendField(frame, static_cast<std::uint32_t>(payload.size()));
-  appendField(frame, crcOf(payload));
 }
 
 Reading<RequestHeader> readRequestHeader(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings) {
@@ -150,6 +117,101 @@ Reading<ResponseHeader> readResponseHeader(std::span<const std::uint8_t> frame,
   reader.read(header.payloadLength);
   reader.read(header.payloadCRC);
   return reader.finish(std::move(header));
+}
+
+std::nullopt_t refuse(vkq::platform::ErrorPtr* error, VKQKXPFrameErrorCode code, std::string description) {
+  vkq::platform::ErrorUserInfo info;
+  info.localizedDescription = std::move(description);
+  vkq::platform::setError(error, vkq::platform::makeError(VKQKXPFrameErrorDomain, code, std::move(info)));
+  return std::nullopt;
+}
+
+std::string hexField(std::uint32_t value, int digits) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%0*X", digits, static_cast<unsigned>(value));
+  return text;
+}
+
+// --- Pipeline
+
+namespace {
+
+void appendRequestHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
+                         std::span<const std::uint8_t> payload) {
+  if (hasBeginMarker(settings)) appendField(frame, settings.insertAtBeginBody);
+  if (hasVersion(settings)) appendField(frame, settings.version);
+  if (hasOSType(settings)) appendField(frame, kOSType);
+  appendField(frame, static_cast<std::uint32_t>(payload.size()));
+  appendField(frame, crcOf(payload));
+  if (const auto crc = packageCRC(settings)) appendField(frame, *crc);
+  if (const auto crc = releaseCRC(settings)) appendField(frame, *crc);
+}
+
+void appendResponseHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
+                          std::span<const std::uint8_t> payload) {
+  if (hasBeginMarker(settings)) appendField(frame, settings.insertAtBeginBody);
+  if (hasVersion(settings)) appendField(frame, settings.version);
+  appendField(frame, static_cast<std::uint32_t>(payload.size()));
+  appendField(frame, crcOf(payload));
+}
+
+using AppendHeader = void (*)(vkq::platform::Bytes&, const VKQKXPFrameSettings&, std::span<const std::uint8_t>);
+
+std::optional<vkq::platform::Bytes> pack(std::span<std::uint8_t> payload, const VKQKXPFrameSettings& settings,
+                                         std::size_t headerSize, AppendHeader appendHeader) {
+  if (payload.empty()) return std::nullopt;
+  if (settings.nonProtocol) return vkq::platform::Bytes(payload.begin(), payload.end());
+  std::optional<vkq::platform::Bytes> compressed;
+  if (settings.compress) {
+    compressed = Deflate::compress(payload);
+    if (!compressed || compressed->empty()) return std::nullopt;
+    payload = *compressed;
+  }
+  if (settings.xorKey != 0) Encrypt::xorInPlace(payload, settings.xorKey);
+
+  vkq::platform::Bytes frame;
+  frame.reserve(headerSize + payload.size());
+  appendHeader(frame, settings, payload);
+  frame.insert(frame.end(), payload.begin(), payload.end());
+  return frame;
+}
+
+
+}  // namespace
+
+std::optional<vkq::platform::Bytes> packRequest(std::span<std::uint8_t> payload, const VKQKXPFrameSettings& settings) {
+  return pack(payload, settings, requestHeaderSize(settings), appendRequestHeader);
+}
+
+std::optional<vkq::platform::Bytes> packResponse(std::span<std::uint8_t> payload,
+                                                 const VKQKXPFrameSettings& settings) {
+  return pack(payload, settings, responseHeaderSize(settings), appendResponseHeader);
+}
+
+std::optional<vkq::platform::Bytes> unpack(std::span<const std::uint8_t> body, std::uint32_t length, std::uint32_t crc,
+                                           const VKQKXPFrameSettings& settings, TrailingBytes trailing,
+                                           vkq::platform::ErrorPtr* error) {
+  if (length > body.size() || (trailing == TrailingBytes::kRefused && length < body.size())) {
+    return refuse(error, VKQKXPFrameErrorLength,
+                "payload length field says " + std::to_string(length) + " bytes, " + std::to_string(body.size()) +
+                    " follow");
+  }
+  if (length == 0) return refuse(error, VKQKXPFrameErrorLength, "empty payload");
+  const std::span<const std::uint8_t> payload = body.first(length);
+  if (const std::uint32_t actual = crcOf(payload); actual != crc) {
+    return refuse(error, VKQKXPFrameErrorChecksum, "payload CRC " + hexField(actual, 8) + ", the frame says " + hexField(crc, 8));
+  }
+
+  std::optional<vkq::platform::Bytes> unpacked;
+  if (settings.xorKey == 0 && settings.compress) {
+    unpacked = Deflate::decompress(payload);  // nothing to unmask: no copy
+  } else {
+    unpacked.emplace(payload.begin(), payload.end());
+    if (settings.xorKey != 0) Encrypt::xorInPlace(*unpacked, settings.xorKey);
+    if (settings.compress) unpacked = Deflate::decompress(*unpacked);
+  }
+  if (!unpacked) return refuse(error, VKQKXPFrameErrorDecompression, "payload does not decompress");
+  return unpacked;
 }
 
 }  // namespace VKQKXPFrame

@@ -1,5 +1,6 @@
-// The KXP frames: the one place that states their layout. The request framing, the
-// response parsing and the reference server's codec all write and read headers here.
+// The KXP frames: their layout, the settings that shape them with their defaults, and
+// the payload pipeline. The request serializer, the response serializer and the server
+// codec all frame and unframe through here.
 //
 // Multi-byte integers are big-endian. Fields follow one another without padding; a
 // field whose condition is false is absent (no placeholder), so offsets depend on the
@@ -18,14 +19,15 @@
 //   payload         payload length bytes
 //
 // Response frame (server to client):
-//   begin marker    s16    insertAtBeginBody != 0  ignored by the reader
+//   begin marker    s16    insertAtBeginBody != 0  ignored by the client
 //   version         u8     version != 0            must equal the request's version
 //   payload length  u32    always
 //   payload CRC     u32    always                  CRC-32 of the payload as sent
-//   payload         payload length bytes; anything after it is ignored
+//   payload         payload length bytes; the client ignores anything after it
 //
-// The payload of both frames is the argument compressed (when compress) and then masked
-// with xorKey (when not 0); a reader checks the CRC, unmasks, then decompresses.
+// The pipeline. Packing: the argument compressed (when compress), then masked with
+// xorKey (when not 0), then the header, whose length and CRC describe the bytes as they
+// travel. Unpacking: length and CRC checked, then unmasked, then decompressed.
 //
 // Everything here is stateless and thread-safe.
 #pragma once
@@ -37,10 +39,10 @@
 #include <string>
 
 #include "Platform/Base/Bytes.h"
+#include "Platform/Base/Error.h"
 
-class VKQVeskRequest;
-
-// The settings that shape both frames, as a request answers them.
+// The settings that shape both frames. A value-initialized instance has every setting
+// off; VKQKXPFrame::kDefaultSettings holds a request's defaults.
 struct VKQKXPFrameSettings {
   // True: no frame at all, the payload passes as it is.
   bool nonProtocol = false;
@@ -51,18 +53,39 @@ struct VKQKXPFrameSettings {
   bool uploadOSType = false;
   std::optional<std::string> packageName = std::nullopt;
   std::int32_t releaseVersion = 0;
+};
 
-  static VKQKXPFrameSettings fromRequest(const VKQVeskRequest& request);
+// Domain of frames refused by the pipeline or the server codec; the localized
+// description says what is wrong ("payload CRC 0x..., the frame says 0x...").
+inline constexpr const char* VKQKXPFrameErrorDomain = "com.vkqlabs.kxp.frame";
+
+enum VKQKXPFrameErrorCode : std::int64_t {
+  VKQKXPFrameErrorHeaderMismatch = 1,  // a header field differs from the settings
+  VKQKXPFrameErrorTruncated = 2,       // the frame is shorter than its header
+  VKQKXPFrameErrorLength = 3,          // no payload, or not the length the header says
+  VKQKXPFrameErrorChecksum = 4,        // the payload's CRC-32 differs from the header's
+  VKQKXPFrameErrorDecompression = 5,   // the payload does not decompress
 };
 
 namespace VKQKXPFrame {
 
-// Frames are always big-endian, whatever the request's bigEndian flag says.
+// Frames are always big-endian, whatever a request's bigEndian flag says.
 inline constexpr bool kBigEndian = true;
 // The value of the request frame's OS-type field.
 inline constexpr std::uint8_t kOSType = 1;
-inline constexpr std::size_t kMaxRequestHeaderSize = 2 + 1 + 1 + 4 + 4 + 4 + 4;
-inline constexpr std::size_t kMaxResponseHeaderSize = 2 + 1 + 4 + 4;
+
+// What a request that changes nothing sends: begin marker 0x2018, OS type, compressed,
+// release version -1 (no release field); no version, mask or package name.
+inline constexpr VKQKXPFrameSettings kDefaultSettings{
+    .compress = true, .insertAtBeginBody = 0x2018, .uploadOSType = true, .releaseVersion = -1};
+
+// For readers that refuse a frame: stores an error of VKQKXPFrameErrorDomain with
+// `description` as its localized description in `error` (when given); std::nullopt.
+std::nullopt_t refuse(vkq::platform::ErrorPtr* error, VKQKXPFrameErrorCode code, std::string description);
+// A field's value as error texts show it: "0x" and `digits` upper-case hex digits.
+std::string hexField(std::uint32_t value, int digits);
+
+// --- Layout
 
 struct RequestHeader {
   std::optional<std::uint16_t> beginMarker;
@@ -93,22 +116,36 @@ struct Reading {
 };
 
 std::size_t requestHeaderSize(const VKQKXPFrameSettings& settings);
-std::size_t responseHeaderSize(const VKQKXPFrameSettings& settings);
 
 // The request frame's package and release CRC fields; absent when the field is off.
 std::optional<std::uint32_t> packageCRC(const VKQKXPFrameSettings& settings);
 std::optional<std::uint32_t> releaseCRC(const VKQKXPFrameSettings& settings);
 
-// Append to `frame` the header of a frame whose (already compressed and masked) payload
-// is `payload`; the payload itself is not appended.
-void appendRequestHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
-                         std::span<const std::uint8_t> payload);
-void appendResponseHeader(vkq::platform::Bytes& frame, const VKQKXPFrameSettings& settings,
-                          std::span<const std::uint8_t> payload);
-
 // Read a header from the front of `frame`. Never throws: a short frame gives an
 // incomplete reading.
 Reading<RequestHeader> readRequestHeader(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings);
 Reading<ResponseHeader> readResponseHeader(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings);
+
+// --- Pipeline
+
+// The frame around `payload`: compressed, masked, behind the header; with nonProtocol
+// the payload itself. Absent when `payload` is empty or compression gives nothing.
+// Without compression the mask works on `payload` in place, so the caller's bytes come
+// back masked.
+std::optional<vkq::platform::Bytes> packRequest(std::span<std::uint8_t> payload, const VKQKXPFrameSettings& settings);
+std::optional<vkq::platform::Bytes> packResponse(std::span<std::uint8_t> payload,
+                                                 const VKQKXPFrameSettings& settings);
+
+// Whether bytes after the payload are allowed (the client ignores them) or refused (the
+// server wants the exact length).
+enum class TrailingBytes { kIgnored, kRefused };
+
+// The payload of a frame whose header says `length` and `crc`; `body` is what follows
+// the header. Checks the length (not 0, within `body`) and the CRC, then unmasks and
+// decompresses. Absent, with an error of VKQKXPFrameErrorDomain, when a check fails;
+// `body` itself is never changed.
+std::optional<vkq::platform::Bytes> unpack(std::span<const std::uint8_t> body, std::uint32_t length, std::uint32_t crc,
+                                           const VKQKXPFrameSettings& settings, TrailingBytes trailing,
+                                           vkq::platform::ErrorPtr* error);
 
 }  // namespace VKQKXPFrame

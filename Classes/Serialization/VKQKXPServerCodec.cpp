@@ -1,20 +1,13 @@
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 
-#include <cstdio>
-
-#include "Classes/Codec/Deflate.h"
-#include "Classes/Codec/Encrypt.h"
+#include <string>
 
 namespace VKQKXPServerCodec {
 namespace {
 
 using vkq::platform::Bytes;
+using vkq::platform::ErrorPtr;
 
-std::string hex(std::uint32_t value, int digits) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%0*X", digits, static_cast<unsigned>(value));
-  return text;
-}
 
 // "<what> <received>, expected <expected>" when the two differ; empty when they agree.
 template <typename T>
@@ -22,7 +15,7 @@ std::string mismatch(const char* what, const std::optional<T>& received, const s
                      int digits) {
   if (received == expected) return {};
   const auto show = [digits](const std::optional<T>& value) {
-    return value ? hex(static_cast<std::uint32_t>(*value), digits) : std::string("none");
+    return value ? VKQKXPFrame::hexField(static_cast<std::uint32_t>(*value), digits) : std::string("none");
   };
   return std::string(what) + " " + show(received) + ", expected " + show(expected);
 }
@@ -58,61 +51,29 @@ std::string checkHeaderFields(const VKQKXPFrame::RequestHeader& header, const VK
 
 }  // namespace
 
-VKQKXPParsedFrame parseRequestFrame(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings) {
+std::optional<Bytes> parseRequestFrame(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings,
+                                       ErrorPtr* error) {
   if (settings.nonProtocol) {
-    if (frame.empty()) return VKQKXPParsedFrame::failure("empty body");
-    return VKQKXPParsedFrame::success(Bytes(frame.begin(), frame.end()));
+    if (frame.empty()) return VKQKXPFrame::refuse(error, VKQKXPFrameErrorLength, "empty body");
+    return Bytes(frame.begin(), frame.end());
   }
 
   const auto reading = VKQKXPFrame::readRequestHeader(frame, settings);
-  const VKQKXPFrame::RequestHeader& header = reading.header;
-  if (auto problem = checkHeaderFields(header, settings, reading.complete); !problem.empty()) {
-    return VKQKXPParsedFrame::failure(problem);
+  if (auto problem = checkHeaderFields(reading.header, settings, reading.complete); !problem.empty()) {
+    return VKQKXPFrame::refuse(error, VKQKXPFrameErrorHeaderMismatch, std::move(problem));
   }
-  const std::size_t headerSize = VKQKXPFrame::requestHeaderSize(settings);
   if (!reading.complete) {
-    return VKQKXPParsedFrame::failure("frame of " + std::to_string(frame.size()) + " bytes is shorter than its " +
-                                      std::to_string(headerSize) + "-byte header");
+    return VKQKXPFrame::refuse(error, VKQKXPFrameErrorTruncated,
+                  "frame of " + std::to_string(frame.size()) + " bytes is shorter than its " +
+                      std::to_string(VKQKXPFrame::requestHeaderSize(settings)) + "-byte header");
   }
-
-  const std::span<const std::uint8_t> body = frame.subspan(headerSize);
-  if (header.payloadLength != body.size()) {
-    return VKQKXPParsedFrame::failure("payload length field says " + std::to_string(header.payloadLength) +
-                                      " bytes, " + std::to_string(body.size()) + " follow");
-  }
-  if (body.empty()) return VKQKXPParsedFrame::failure("empty payload");
-  const auto crc = static_cast<std::uint32_t>(Encrypt::crc32(body));
-  if (crc != header.payloadCRC) {
-    return VKQKXPParsedFrame::failure("payload CRC " + hex(crc, 8) + ", the frame says " + hex(header.payloadCRC, 8));
-  }
-
-  Bytes payload(body.begin(), body.end());
-  if (settings.xorKey != 0) Encrypt::xorWithKey(payload, settings.xorKey);
-  if (settings.compress) {
-    auto inflated = Deflate::decompress(payload);
-    if (!inflated) return VKQKXPParsedFrame::failure("payload does not decompress");
-    payload = std::move(*inflated);
-  }
-  return VKQKXPParsedFrame::success(std::move(payload));
+  return VKQKXPFrame::unpack(frame.subspan(reading.size), reading.header.payloadLength, reading.header.payloadCRC,
+                             settings, VKQKXPFrame::TrailingBytes::kRefused, error);
 }
 
 std::optional<Bytes> makeResponseFrame(std::span<const std::uint8_t> payload, const VKQKXPFrameSettings& settings) {
-  if (payload.empty()) return std::nullopt;
-  if (settings.nonProtocol) return Bytes(payload.begin(), payload.end());
-
-  Bytes body(payload.begin(), payload.end());
-  if (settings.compress) {
-    auto deflated = Deflate::compress(payload);
-    if (!deflated || deflated->empty()) return std::nullopt;
-    body = std::move(*deflated);
-  }
-  if (settings.xorKey != 0) Encrypt::xorWithKey(body, settings.xorKey);
-
-  Bytes frame;
-  frame.reserve(VKQKXPFrame::responseHeaderSize(settings) + body.size());
-  VKQKXPFrame::appendResponseHeader(frame, settings, body);
-  frame.insert(frame.end(), body.begin(), body.end());
-  return frame;
+  Bytes copy(payload.begin(), payload.end());  // the pipeline may mask in place
+  return VKQKXPFrame::packResponse(copy, settings);
 }
 
 }  // namespace VKQKXPServerCodec

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVeskRequest.h"
@@ -97,14 +98,15 @@ inline void serveKXP(TestServer& server, const std::string& path, const VKQKXPFr
                      std::optional<VKQKXPFrameSettings> answerSettings = std::nullopt) {
   server.handle(path, [settings, answer = answerSettings.value_or(settings)](const httplib::Request& request,
                                                                             httplib::Response& response) {
-    const auto parsed = VKQKXPServerCodec::parseRequestFrame(
-        std::span(reinterpret_cast<const std::uint8_t*>(request.body.data()), request.body.size()), settings);
-    if (!parsed.ok()) {
+    vkq::platform::ErrorPtr refusal;
+    const auto payload = VKQKXPServerCodec::parseRequestFrame(
+        std::span(reinterpret_cast<const std::uint8_t*>(request.body.data()), request.body.size()), settings, &refusal);
+    if (!payload) {
       response.status = 400;
-      response.set_content(parsed.error(), "text/plain");
+      response.set_content(refusal->localizedDescription(), "text/plain");
       return;
     }
-    std::string reply = "pong:" + std::string(parsed.payload().begin(), parsed.payload().end());
+    std::string reply = "pong:" + std::string(payload->begin(), payload->end());
     const auto frame = VKQKXPServerCodec::makeResponseFrame(vkq::platform::bytesFromString(reply), answer);
     response.set_content(std::string(frame->begin(), frame->end()), "application/octet-stream");
   });

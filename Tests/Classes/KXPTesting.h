@@ -12,7 +12,7 @@
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
 #include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
-#include "Classes/Serialization/VKQKXPFrameLayout.h"
+#include "Classes/Codec/VKQKXPFrame.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Platform/Base/Bytes.h"
 

@@ -69,7 +69,7 @@ TEST_F(VKQNetworkAgentExchange, KXPExchangesWithDefaultAndCustomSettings) {
     const std::string path = "/kxp" + std::to_string(index++);
     auto request = kxpRequest(server.url(path), row.name);
     row.configure(*request);
-    serveKXP(server, path, VKQKXPFrameSettings::fromRequest(*request));
+    serveKXP(server, path, VKQKXPFrameSettingsOf(*request));
     auto calls = start(*request);
     EXPECT_TRUE(calls->order.empty()) << "a callback ran inside the starting call";
     ASSERT_TRUE(runUntil([&] { return calls->outcomes() == 1; }));
@@ -87,7 +87,7 @@ TEST_F(VKQNetworkAgentExchange, KXPExchangesWithDefaultAndCustomSettings) {
 
 TEST_F(VKQNetworkAgentExchange, FailedExchangesReachTheFailureCallbackWithTheirCode) {
   // KXP requests of version 3; the server answers some of them wrongly.
-  const VKQKXPFrameSettings settings = VKQKXPFrameSettings::fromRequest(*kxpRequest("", "")->protocolVCPromise()(3));
+  const VKQKXPFrameSettings settings = VKQKXPFrameSettingsOf(*kxpRequest("", "")->protocolVCPromise()(3));
   VKQKXPFrameSettings otherVersion = settings;
   otherVersion.version = 4;
   serveKXP(server, "/other-version", settings, otherVersion);

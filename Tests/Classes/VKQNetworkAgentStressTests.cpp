@@ -25,7 +25,7 @@ TEST_F(VKQNetworkAgentStress, AThousandConcurrentRequestsWithRandomCancels) {
     return VKQVesk::initWithKXPUrl(server.url("/kxp"), std::make_shared<vkq::platform::Bytes>(
                                                            vkq::platform::bytesFromString("request " + std::to_string(index))));
   };
-  vkq::testing::serveKXP(server, "/kxp", VKQKXPFrameSettings::fromRequest(*makeRequest(0)));
+  vkq::testing::serveKXP(server, "/kxp", VKQKXPFrameSettingsOf(*makeRequest(0)));
 
   // Touched on the main queue (this thread) only.
   std::vector<int> outcomes(kRequests, 0), failures(kRequests, 0);

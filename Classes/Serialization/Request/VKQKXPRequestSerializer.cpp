@@ -1,9 +1,7 @@
 #include "Classes/Serialization/Request/VKQKXPRequestSerializer.h"
 
-#include "Classes/Codec/Deflate.h"
-#include "Classes/Codec/Encrypt.h"
-#include "Classes/Serialization/VKQKXPFrameLayout.h"
-#include "Classes/VKQVeskRequest.h"
+#include "Classes/Codec/VKQKXPFrame.h"
+#include "Classes/Serialization/VKQKXPRequestSettings.h"
 
 using vkq::platform::Bytes;
 using vkq::platform::ErrorPtr;
@@ -22,26 +20,10 @@ std::shared_ptr<vkq::platform::HTTPRequestSerializer> VKQKXPRequestSerializer::c
 }
 
 std::optional<Bytes> VKQKXPRequestSerializer::createDataWithParameters(const Object& parameters) const {
-  if (!parameters.isData() || parameters.data()->empty()) return std::nullopt;
-  Bytes& argument = *parameters.data();
-  const VKQKXPFrameSettings settings = request() ? VKQKXPFrameSettings::fromRequest(*request()) : VKQKXPFrameSettings();
-  if (settings.nonProtocol) return argument;
-
-  std::optional<Bytes> compressed;
-  std::span<std::uint8_t> payload = argument;
-  if (settings.compress) {
-    compressed = Deflate::compress(argument);
-    if (!compressed || compressed->empty()) return std::nullopt;
-    payload = *compressed;
-  }
-  // Masks in place: the compressed copy, or the caller's own bytes.
-  if (settings.xorKey != 0) Encrypt::xorInPlace(payload, settings.xorKey);
-
-  Bytes frame;
-  frame.reserve(VKQKXPFrame::requestHeaderSize(settings) + payload.size());
-  VKQKXPFrame::appendRequestHeader(frame, settings, payload);
-  frame.insert(frame.end(), payload.begin(), payload.end());
-  return frame;
+  if (!parameters.isData()) return std::nullopt;
+  const VKQKXPFrameSettings settings = request() ? VKQKXPFrameSettingsOf(*request()) : VKQKXPFrameSettings();
+  // The caller's own bytes: without compression the mask works on them in place.
+  return VKQKXPFrame::packRequest(*parameters.data(), settings);
 }
 
 std::optional<URLRequest> VKQKXPRequestSerializer::requestBySerializingRequest(const URLRequest& request,

@@ -1,5 +1,5 @@
 // Writes a KXP request frame: the request's payload bytes, compressed and XOR-masked
-// as its settings say, behind a big-endian header (layout: VKQKXPFrameLayout.h).
+// as its settings say, behind a big-endian header (layout and pipeline: VKQKXPFrame.h).
 //
 // The settings are read from the bound request; an unbound serializer frames as if
 // every setting were off (no marker, version, OS type, package or release field, no

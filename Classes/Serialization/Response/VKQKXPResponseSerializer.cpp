@@ -1,8 +1,7 @@
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
 
-#include "Classes/Codec/Deflate.h"
-#include "Classes/Codec/Encrypt.h"
-#include "Classes/Serialization/VKQKXPFrameLayout.h"
+#include "Classes/Codec/VKQKXPFrame.h"
+#include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/VKQResponseCode.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
@@ -25,20 +24,6 @@ std::span<const std::uint8_t> answerBytes(const Object& responseData) {
   return *responseData.data();
 }
 
-// Unmasks, then decompresses: the reverse of the framing's order. Absent when
-// decompression gives nothing.
-std::optional<Bytes> unpack(std::span<const std::uint8_t> payload, const VKQKXPFrameSettings& settings) {
-  if (settings.xorKey == 0) {
-    if (settings.compress) return Deflate::decompress(payload);
-    return Bytes(payload.begin(), payload.end());
-  }
-  // The answer itself stays as received: the mask works on a copy.
-  Bytes unmasked(payload.begin(), payload.end());
-  Encrypt::xorInPlace(unmasked, settings.xorKey);
-  if (settings.compress) return Deflate::decompress(unmasked);
-  return unmasked;
-}
-
 }  // namespace
 
 std::shared_ptr<VKQKXPResponseSerializer> VKQKXPResponseSerializer::serializer() {
@@ -52,7 +37,7 @@ std::shared_ptr<VKQVeskResult> VKQKXPResponseSerializer::deserialize(const std::
     DDDebug("request faild", request->description());
     return VKQVeskResult::resultWithErrorCode(kHTTPError);
   }
-  const VKQKXPFrameSettings settings = VKQKXPFrameSettings::fromRequest(*request);
+  const VKQKXPFrameSettings settings = VKQKXPFrameSettingsOf(*request);
   if (settings.nonProtocol) {
     return VKQVeskResult::initWith(VKQResponseCode::responseCode(0), request->responseData(), request);
   }
@@ -69,14 +54,9 @@ std::shared_ptr<VKQVeskResult> VKQKXPResponseSerializer::deserialize(const std::
     return VKQVeskResult::resultWithErrorCode(kServerError, request);
   }
 
-  const std::span<const std::uint8_t> rest = answer.subspan(reading.size);
-  const std::uint32_t length = reading.header.payloadLength;
-  if (length == 0 || length > rest.size()) return VKQVeskResult::resultWithErrorCode(kServerError, request);
-  const std::span<const std::uint8_t> payload = rest.first(length);
-  if (static_cast<std::uint32_t>(Encrypt::crc32(payload)) != reading.header.payloadCRC) {
-    return VKQVeskResult::resultWithErrorCode(kServerError, request);
-  }
-  std::optional<Bytes> data = unpack(payload, settings);
+  std::optional<Bytes> data =
+      VKQKXPFrame::unpack(answer.subspan(reading.size), reading.header.payloadLength, reading.header.payloadCRC,
+                          settings, VKQKXPFrame::TrailingBytes::kIgnored, nullptr);
   if (!data) return VKQVeskResult::resultWithErrorCode(kServerError, request);
   return VKQVeskResult::resultWithSuccessData(std::move(*data), request);
 }

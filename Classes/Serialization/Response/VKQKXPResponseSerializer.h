@@ -1,4 +1,4 @@
-// Decodes the answer of a KXP request: checks its frame (layout: VKQKXPFrameLayout.h)
+// Decodes the answer of a KXP request: checks its frame (layout: VKQKXPFrame.h)
 // against the request's settings (version, CRC-32), unmasks and decompresses the
 // payload. The raw answer is never changed.
 //   0  success, the payload bytes as data (raw answer when the request is nonProtocol)

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <limits>
 
+#include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/VKQVesk.h"
 
 namespace vkq::tool {
@@ -77,7 +78,7 @@ std::vector<OptionSpec> frameOptions() {
 VKQKXPFrameSettings parseFrameSettings(const ParsedArguments& parsed) {
   auto defaults = std::make_shared<VKQVesk>();
   defaults->defultValue();
-  VKQKXPFrameSettings frame = VKQKXPFrameSettings::fromRequest(*defaults);
+  VKQKXPFrameSettings frame = VKQKXPFrameSettingsOf(*defaults);
 
   if (auto key = parsed.value("--xor-key")) frame.xorKey = parseInteger<std::uint8_t>(*key, "--xor-key");
   if (auto version = parsed.value("--version")) frame.version = parseInteger<std::uint8_t>(*version, "--version");

@@ -96,13 +96,14 @@ void ReferenceServer::run() {
 void ReferenceServer::stop() { stop_->trigger(); }
 
 void ReferenceServer::echoKXP(const httplib::Request& request, httplib::Response& response) const {
-  const VKQKXPParsedFrame parsed = VKQKXPServerCodec::parseRequestFrame(bytesOf(request.body), options_.frame);
-  if (!parsed.ok()) {
+  vkq::platform::ErrorPtr refusal;
+  const auto payload = VKQKXPServerCodec::parseRequestFrame(bytesOf(request.body), options_.frame, &refusal);
+  if (!payload) {
     response.status = 400;
-    response.set_content("kxp frame refused: " + parsed.error() + "\n", "text/plain");
+    response.set_content("kxp frame refused: " + refusal->localizedDescription() + "\n", "text/plain");
     return;
   }
-  const auto frame = VKQKXPServerCodec::makeResponseFrame(parsed.payload(), options_.frame);
+  const auto frame = VKQKXPServerCodec::makeResponseFrame(*payload, options_.frame);
   if (!frame) {
     response.status = 500;
     response.set_content("the payload could not be framed\n", "text/plain");
