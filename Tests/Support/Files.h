@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -34,23 +33,15 @@ class ScratchFolder {
 
 // Points TMPDIR at a folder of its own while it lives, so that files the transport
 // keeps under the temporary directory are this test's alone (tests run in parallel).
-class PrivateTemporaryDirectory {
+class PrivateTemporaryDirectory : ScratchFolder {
  public:
-  PrivateTemporaryDirectory() {
-    if (const char* previous = std::getenv("TMPDIR")) previous_ = previous;
-    ::setenv("TMPDIR", folder_.path().c_str(), 1);
+  PrivateTemporaryDirectory() : previous_(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "") {
+    ::setenv("TMPDIR", path().c_str(), 1);
   }
-  ~PrivateTemporaryDirectory() {
-    if (previous_) {
-      ::setenv("TMPDIR", previous_->c_str(), 1);
-    } else {
-      ::unsetenv("TMPDIR");
-    }
-  }
+  ~PrivateTemporaryDirectory() { previous_.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", previous_.c_str(), 1); }
 
  private:
-  ScratchFolder folder_;
-  std::optional<std::string> previous_;
+  const std::string previous_;
 };
 
 // Bytes that differ with `seed` and position, so a misplaced block shows.

@@ -2,25 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
+#include <regex>
 #include <stdexcept>
-
-#include <sys/socket.h>
 
 namespace vkq::testing {
 namespace {
-
-// cpp-httplib listens with a backlog of 5, so a burst of connections loses SYNs and
-// waits for TCP's retransmissions (1 s, 3 s, 7 s...). This gives access to the
-// listening socket to widen it.
-template <typename Base>
-class WideBacklogServer : public Base {
- public:
-  using Base::Base;
-  void widenBacklog() { ::listen(this->svr_sock_, SOMAXCONN); }
-};
-
-constexpr std::size_t kFilePieceSize = 64 * 1024;
 
 struct ByteRange {
   std::size_t first;
@@ -29,75 +15,41 @@ struct ByteRange {
 
 // "bytes=N-" or "bytes=N-M"; anything else (suffix ranges, lists) is not understood.
 std::optional<ByteRange> parseRange(const std::string& header) {
-  constexpr std::string_view prefix = "bytes=";
-  if (header.rfind(prefix, 0) != 0) return std::nullopt;
-  const std::string rangeSet = header.substr(prefix.size());
-  const auto dash = rangeSet.find('-');
-  if (dash == std::string::npos || dash == 0 || rangeSet.find(',') != std::string::npos) return std::nullopt;
-  try {
-    ByteRange range{std::stoull(rangeSet.substr(0, dash)), std::nullopt};
-    if (dash + 1 < rangeSet.size()) range.last = std::stoull(rangeSet.substr(dash + 1));
-    return range;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  static const std::regex form(R"(bytes=(\d{1,18})-(\d{0,18}))");
+  std::smatch match;
+  if (!std::regex_match(header, match, form)) return std::nullopt;
+  ByteRange range{std::stoull(match[1]), std::nullopt};
+  if (match[2].length() > 0) range.last = std::stoull(match[2]);
+  return range;
 }
 
 }  // namespace
-
-std::optional<std::string> RecordedRequest::header(const std::string& name) const {
-  const auto it = headers.find(name);
-  if (it == headers.end()) return std::nullopt;
-  return it->second;
-}
-
-std::string httpDate(std::chrono::system_clock::time_point time) {
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char text[64];
-  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  return text;
-}
 
 TestServer::TestServer() : TestServer(Options{}) {}
 
 TestServer::TestServer(Options options) {
   if (options.certificateFile && options.privateKeyFile) {
-    auto server = std::make_unique<WideBacklogServer<httplib::SSLServer>>(options.certificateFile->c_str(),
-                                                                          options.privateKeyFile->c_str());
-    widenBacklog_ = [raw = server.get()] { raw->widenBacklog(); };
-    server_ = std::move(server);
-    tls_ = true;
+    server_ = std::make_unique<httplib::SSLServer>(options.certificateFile->c_str(), options.privateKeyFile->c_str());
   } else {
-    auto server = std::make_unique<WideBacklogServer<httplib::Server>>();
-    widenBacklog_ = [raw = server.get()] { raw->widenBacklog(); };
-    server_ = std::move(server);
+    server_ = std::make_unique<httplib::Server>();
   }
   if (!server_->is_valid()) throw std::runtime_error("test server: cannot set up (TLS files?)");
 
-  const std::size_t threads = options.threads;
-  server_->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+  server_->new_task_queue = [threads = options.threads] { return new httplib::ThreadPool(threads); };
   // An idle keep-alive connection holds a handler thread and delays stop() by up to
   // this long, so keep it short.
   server_->set_keep_alive_timeout(1);
   server_->set_keep_alive_max_count(1'000'000);
   server_->set_tcp_nodelay(true);
-
   const auto route = [this](const httplib::Request& request, httplib::Response& response) {
     dispatch(request, response);
   };
-  const std::string any = ".*";
-  server_->Get(any, route);
-  server_->Post(any, route);
-  server_->Put(any, route);
-  server_->Patch(any, route);
-  server_->Delete(any, route);
-  server_->Options(any, route);
+  server_->Get(".*", route).Post(".*", route).Put(".*", route).Patch(".*", route);
+  server_->Delete(".*", route).Options(".*", route);
 
-  port_ = server_->bind_to_any_port("127.0.0.1");
-  if (port_ <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
-  widenBacklog_();
+  const int port = server_->bind_to_any_port("127.0.0.1");
+  if (port <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
+  base_ = std::string(options.certificateFile ? "https" : "http") + "://127.0.0.1:" + std::to_string(port);
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() does nothing until the server runs, so a stop() right after construction
   // would leave the accept loop running for ever.
@@ -118,15 +70,26 @@ void TestServer::stop() {
   }
 }
 
-std::string TestServer::baseURL() const {
-  return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
-}
-
-std::string TestServer::url(std::string_view path) const { return baseURL() + std::string(path); }
+std::string TestServer::url(std::string_view path) const { return base_ + std::string(path); }
 
 void TestServer::answer(const std::string& path, ScriptedAnswer answer) {
   handle(path, [this, answer = std::move(answer)](const httplib::Request&, httplib::Response& response) {
-    play(answer, response);
+    if (!answer.answers) {
+      pause(std::chrono::hours(24));
+      response.status = 503;
+      return;
+    }
+    response.status = answer.status;
+    for (const auto& [name, value] : answer.headers) response.set_header(name, value);
+    if (!answer.pacing.dropAfterBytes && answer.pacing.pieceDelay.count() == 0) {
+      response.set_content(answer.body, answer.contentType);
+      return;
+    }
+    const auto body = std::make_shared<std::string>(answer.body);
+    sendBody(response, body->size(), answer.contentType, answer.pacing,
+             [body](std::size_t offset, char* buffer, std::size_t count) {
+               return body->copy(buffer, count, offset);
+             });
   });
 }
 
@@ -147,11 +110,6 @@ std::vector<RecordedRequest> TestServer::requests() const {
   return requests_;
 }
 
-std::size_t TestServer::requestCount() const {
-  std::lock_guard lock(mutex_);
-  return requests_.size();
-}
-
 bool TestServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mutex_);
   return changed_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
@@ -167,10 +125,9 @@ void TestServer::dispatch(const httplib::Request& request, httplib::Response& re
   // decide about ranges on their own, from the header.
   const_cast<httplib::Request&>(request).ranges.clear();
 
-  RecordedRequest record{request.method, request.path, {}, request.headers, request.body};
-  if (const auto mark = request.target.find('?'); mark != std::string::npos) {
-    record.query = request.target.substr(mark + 1);
-  }
+  const auto mark = request.target.find('?');
+  RecordedRequest record{request.method, request.path, mark == std::string::npos ? "" : request.target.substr(mark + 1),
+                         request.headers, request.body};
   Handler handler;
   {
     std::lock_guard lock(mutex_);
@@ -187,49 +144,16 @@ void TestServer::dispatch(const httplib::Request& request, httplib::Response& re
   handler(request, response);
 }
 
-void TestServer::play(const ScriptedAnswer& answer, httplib::Response& response) {
-  switch (answer.failure) {
-    case Failure::NeverAnswer: {
-      std::unique_lock lock(mutex_);
-      changed_.wait(lock, [this] { return stopping_; });
-      response.status = 503;
-      return;
-    }
-    case Failure::StallBeforeAnswer:
-      if (!pause(answer.delay)) return;
-      break;
-    case Failure::None:
-    case Failure::DropMidBody:
-    case Failure::SlowBody:
-      break;
-  }
-
-  response.status = answer.status;
-  for (const auto& [name, value] : answer.headers) response.set_header(name, value);
-
-  if (answer.failure == Failure::DropMidBody) {
-    const auto body = std::make_shared<std::string>(answer.body);
-    const std::size_t limit = std::min(answer.dropAfterBytes, body->size());
-    response.set_content_provider(body->size(), answer.contentType,
-                                  [body, limit](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-                                    if (offset >= limit) return false;  // closes the connection
-                                    sink.write(body->data() + offset, std::min(length, limit - offset));
-                                    return true;
-                                  });
-  } else if (answer.failure == Failure::SlowBody) {
-    const auto body = std::make_shared<std::string>(answer.body);
-    const std::size_t piece = std::max<std::size_t>(answer.pieceSize, 1);
-    const auto delay = answer.delay;
-    response.set_content_provider(
-        body->size(), answer.contentType,
-        [this, body, piece, delay](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-          if (!pause(delay)) return false;
-          sink.write(body->data() + offset, std::min({length, piece, body->size() - offset}));
-          return true;
-        });
-  } else {
-    response.set_content(answer.body, answer.contentType);
-  }
+void TestServer::sendBody(httplib::Response& response, std::size_t length, const std::string& type,
+                          const BodyPacing& pacing, Reader read) {
+  const std::size_t limit = std::min(pacing.dropAfterBytes.value_or(length), length);
+  response.set_content_provider(length, type, [this, limit, pacing, read = std::move(read)](
+                                                  std::size_t offset, std::size_t wanted, httplib::DataSink& sink) {
+    if (offset >= limit || !pause(pacing.pieceDelay)) return false;  // closes the connection
+    std::string piece(std::min({wanted, std::max<std::size_t>(pacing.pieceSize, 1), limit - offset}), '\0');
+    const std::size_t count = read(offset, piece.data(), piece.size());
+    return count > 0 && sink.write(piece.data(), count);
+  });
 }
 
 void TestServer::sendFile(const std::filesystem::path& file, const FileOptions& options,
@@ -244,15 +168,12 @@ void TestServer::sendFile(const std::filesystem::path& file, const FileOptions& 
   if (options.lastModified) response.set_header("Last-Modified", *options.lastModified);
   response.set_header("Accept-Ranges", "bytes");
 
-  std::optional<ByteRange> range;
-  if (request.has_header("Range")) range = parseRange(request.get_header_value("Range"));
-  if (range && request.has_header("If-Range")) {
-    const std::string condition = request.get_header_value("If-Range");
-    if (condition != options.etag.value_or("") && condition != options.lastModified.value_or("")) range.reset();
+  std::optional<ByteRange> range = parseRange(request.get_header_value("Range"));
+  const std::string condition = request.get_header_value("If-Range");
+  if (!condition.empty() && condition != options.etag.value_or("") && condition != options.lastModified.value_or("")) {
+    range.reset();
   }
-
-  std::size_t first = 0;
-  std::size_t length = size;
+  std::size_t first = 0, length = size;
   response.status = 200;
   if (range) {
     if (range->first >= size) {
@@ -275,20 +196,8 @@ void TestServer::sendFile(const std::filesystem::path& file, const FileOptions& 
     response.status = 500;
     return;
   }
-  const std::size_t limit = std::min(options.dropAfterBytes.value_or(length), length);
-  const auto delay = options.pieceDelay;
-  response.set_content_provider(
-      length, "application/octet-stream",
-      [this, stream, limit, delay](std::size_t offset, std::size_t wanted, httplib::DataSink& sink) {
-        if (offset >= limit) return false;  // closes the connection
-        if (delay.count() > 0 && !pause(delay)) return false;
-        char buffer[kFilePieceSize];
-        const std::size_t count =
-            std::fread(buffer, 1, std::min({wanted, sizeof buffer, limit - offset}), stream.get());
-        if (count == 0) return false;
-        sink.write(buffer, count);
-        return true;
-      });
+  sendBody(response, length, "application/octet-stream", options.pacing,
+           [stream](std::size_t, char* buffer, std::size_t count) { return std::fread(buffer, 1, count, stream.get()); });
 }
 
 }  // namespace vkq::testing

@@ -8,7 +8,7 @@
 // runs, so a request that is never answered is recorded too.
 //
 // Thread-safe. The server starts in the constructor and stops in the destructor (or
-// stop()); stopping releases handlers that wait (NeverAnswer, Stall).
+// stop()); stopping releases handlers that wait (neverAnswer, slow).
 #pragma once
 
 #include <chrono>
@@ -38,21 +38,18 @@ struct RecordedRequest {
   std::string body;
 
   // The first value of a header field (names compare case-insensitively).
-  std::optional<std::string> header(const std::string& name) const;
+  std::optional<std::string> header(const std::string& name) const {
+    const auto it = headers.find(name);
+    return it == headers.end() ? std::nullopt : std::optional(it->second);
+  }
 };
 
-// How a scripted answer misbehaves.
-enum class Failure {
-  None,
-  // Sends the head (with the full Content-Length) and `dropAfterBytes` of the body,
-  // then closes the connection.
-  DropMidBody,
-  // Waits `delay` before answering normally.
-  StallBeforeAnswer,
-  // Never answers; the connection stays open until the server stops.
-  NeverAnswer,
-  // Sends the body in pieces of `pieceSize` bytes, waiting `delay` before each.
-  SlowBody,
+// How a body is sent: whole, or in pieces with a pause before each, or cut short by
+// closing the connection after some bytes (the head announces the full length).
+struct BodyPacing {
+  std::optional<std::size_t> dropAfterBytes;
+  std::chrono::milliseconds pieceDelay{0};
+  std::size_t pieceSize = 64 * 1024;
 };
 
 // An answer to play back, built fluently:
@@ -70,23 +67,17 @@ struct ScriptedAnswer {
     return *this;
   }
   ScriptedAnswer& dropAfter(std::size_t bytes) {
-    failure = Failure::DropMidBody;
-    dropAfterBytes = bytes;
+    pacing.dropAfterBytes = bytes;
     return *this;
   }
-  ScriptedAnswer& stall(std::chrono::milliseconds duration) {
-    failure = Failure::StallBeforeAnswer;
-    delay = duration;
-    return *this;
-  }
+  // Never answers; the connection stays open until the server stops.
   ScriptedAnswer& neverAnswer() {
-    failure = Failure::NeverAnswer;
+    answers = false;
     return *this;
   }
   ScriptedAnswer& slow(std::chrono::milliseconds pause, std::size_t piece) {
-    failure = Failure::SlowBody;
-    delay = pause;
-    pieceSize = piece;
+    pacing.pieceDelay = pause;
+    pacing.pieceSize = piece;
     return *this;
   }
 
@@ -94,10 +85,8 @@ struct ScriptedAnswer {
   std::string body;
   std::string contentType = "text/plain";
   std::vector<std::pair<std::string, std::string>> headers;
-  Failure failure = Failure::None;
-  std::chrono::milliseconds delay{0};
-  std::size_t pieceSize = 1024;
-  std::size_t dropAfterBytes = 0;
+  bool answers = true;
+  BodyPacing pacing;
 };
 
 // How serveFile() answers. Validators go into ETag and Last-Modified when set; Range
@@ -113,21 +102,20 @@ struct FileOptions {
     lastModified = std::move(value);
     return *this;
   }
+  // Closes the connection after this many body bytes of each answer.
   FileOptions& dropAfter(std::size_t bytes) {
-    dropAfterBytes = bytes;
+    pacing.dropAfterBytes = bytes;
     return *this;
   }
+  // Waits this long before each piece of 64 KiB.
   FileOptions& slow(std::chrono::milliseconds delay) {
-    pieceDelay = delay;
+    pacing.pieceDelay = delay;
     return *this;
   }
 
   std::optional<std::string> etag;          // e.g. "\"v1\""
   std::optional<std::string> lastModified;  // an HTTP date
-  // Closes the connection after this many body bytes of each answer.
-  std::optional<std::size_t> dropAfterBytes;
-  // Waits this long before each piece of 64 KiB.
-  std::chrono::milliseconds pieceDelay{0};
+  BodyPacing pacing;
 };
 
 class TestServer {
@@ -148,10 +136,7 @@ class TestServer {
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
 
-  int port() const { return port_; }
-  // "http://127.0.0.1:<port>" (or https).
-  std::string baseURL() const;
-  // baseURL() + path; `path` starts with "/".
+  // "http://127.0.0.1:<port>" (or https) + `path`, which starts with "/".
   std::string url(std::string_view path) const;
 
   void answer(const std::string& path, ScriptedAnswer answer);
@@ -159,7 +144,7 @@ class TestServer {
   void serveFile(const std::string& path, std::filesystem::path file, FileOptions options = {});
 
   std::vector<RecordedRequest> requests() const;
-  std::size_t requestCount() const;
+  std::size_t requestCount() const { return requests().size(); }
   // Waits until at least `count` requests have arrived; false on time-out.
   bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
 
@@ -168,16 +153,17 @@ class TestServer {
 
  private:
   void dispatch(const httplib::Request& request, httplib::Response& response);
-  void play(const ScriptedAnswer& answer, httplib::Response& response);
   void sendFile(const std::filesystem::path& file, const FileOptions& options, const httplib::Request& request,
                 httplib::Response& response);
+  // Sends `length` bytes that `read(offset, buffer, count)` provides, paced as `pacing` says.
+  using Reader = std::function<std::size_t(std::size_t offset, char* buffer, std::size_t count)>;
+  void sendBody(httplib::Response& response, std::size_t length, const std::string& type, const BodyPacing& pacing,
+                Reader read);
   // Sleeps for `duration`, or less when the server stops; false when it stopped.
   bool pause(std::chrono::milliseconds duration);
 
   std::unique_ptr<httplib::Server> server_;
-  std::function<void()> widenBacklog_;
-  int port_ = 0;
-  bool tls_ = false;
+  std::string base_;
   std::thread thread_;
 
   mutable std::mutex mutex_;
@@ -186,8 +172,5 @@ class TestServer {
   std::vector<RecordedRequest> requests_;   // guarded by mutex_
   bool stopping_ = false;                   // guarded by mutex_
 };
-
-// "\"<size>-<mtime>\"" style validators are up to the caller; this gives an HTTP date.
-std::string httpDate(std::chrono::system_clock::time_point time);
 
 }  // namespace vkq::testing

@@ -8,25 +8,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-namespace vkq::testing {
+#include "Tests/Support/Files.h"
 
-inline std::string readFile(const std::filesystem::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
+namespace vkq::testing {
 
 class ChildProcess {
  public:
@@ -35,7 +27,6 @@ class ChildProcess {
   // Runs `command` (the program's path, then its arguments) with standard input from
   // /dev/null. Variables for its environment go through env(1): {"/usr/bin/env", "A=b", ...}.
   explicit ChildProcess(std::vector<std::string> command) {
-    std::filesystem::create_directories(folder_);
     // Everything the child needs is prepared before fork(): after it, only
     // async-signal-safe calls.
     std::vector<char*> argv;
@@ -60,8 +51,6 @@ class ChildProcess {
   }
   ~ChildProcess() {
     if (running()) wait(std::chrono::milliseconds(0));
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
   }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -92,7 +81,6 @@ class ChildProcess {
   }
   std::string contents(Stream stream) const { return readFile(path(stream)); }
 
- private:
   // Polls `condition` every 10 ms until it holds or the time-out passes.
   template <typename Condition>
   static bool pollUntil(Condition condition, std::chrono::milliseconds timeout) {
@@ -103,6 +91,8 @@ class ChildProcess {
     }
     return true;
   }
+
+ private:
   std::string path(Stream stream) const { return (folder_ / (stream == Stream::Output ? "out" : "err")).string(); }
   bool running() { return !status_ && !reap(WNOHANG); }
   // Collects the exit status; false when the child is still running.
@@ -113,11 +103,9 @@ class ChildProcess {
     return true;
   }
 
-  const std::filesystem::path folder_ = std::filesystem::temp_directory_path() /
-      ("vkq-child-" + std::to_string(getpid()) + "-" + std::to_string(counter_.fetch_add(1)));
+  const ScratchFolder folder_;
   pid_t pid_ = -1;
   std::optional<int> status_;
-  static inline std::atomic<int> counter_{0};
 };
 
 }  // namespace vkq::testing
