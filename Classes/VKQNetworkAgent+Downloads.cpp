@@ -2,10 +2,7 @@
 // data, and how resume data is kept when a download fails or is cancelled.
 #include "Classes/VKQNetworkAgent.h"
 
-#include <plist/plist.h>
-
 #include <filesystem>
-#include <limits>
 #include <utility>
 
 #include "Classes/VKQNetworkAgent+Private.h"
@@ -84,13 +81,9 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
 
   std::shared_ptr<URLSessionDownloadTask> task;
   if (validateResumeData(resumeData)) {
-    try {
-      ErrorPtr refusal;
-      task = manager_->downloadTaskWithResumeData(*resumeData, progress, destination, completion, &refusal);
-      if (!task) DDDebug("Resume download failed, reason = ", refusal->localizedDescription());
-    } catch (const std::exception& e) {
-      DDDebug("Resume download failed, reason = ", e.what());
-    }
+    ErrorPtr refusal;
+    task = manager_->downloadTaskWithResumeData(*resumeData, progress, destination, completion, &refusal);
+    if (!task) DDDebug("Resume download failed, reason = ", refusal->localizedDescription());
   }
   if (!task) task = manager_->downloadTaskWithRequest(*urlRequest, progress, destination, completion);
   *slot = task;
@@ -120,10 +113,5 @@ std::optional<URL> VKQNetworkAgent::incompleteDownloadTempPathForDownloadPath(st
 }
 
 bool VKQNetworkAgent::validateResumeData(const std::optional<Bytes>& data) {
-  if (!data || data->empty() || data->size() > std::numeric_limits<std::uint32_t>::max()) return false;
-  plist_t plist = nullptr;
-  plist_from_memory(reinterpret_cast<const char*>(data->data()), static_cast<std::uint32_t>(data->size()), &plist);
-  if (plist == nullptr) return false;
-  plist_free(plist);
-  return true;
+  return data && vkq::platform::HTTPSessionManager::hasResumeDataForm(*data);
 }

@@ -1,12 +1,11 @@
 #include "Classes/VKQNetworkAgent.h"
 
-#include <openssl/evp.h>
-
 #include <utility>
 
 #include "Classes/Serialization/Response/VKQJSONResponseSerializer.h"
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
 #include "Classes/VKQNetworkAgent+Private.h"
+#include "Classes/VKQResumeDataStore.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Classes/VKQVeskResult.h"
 #include "Platform/Base/Assert.h"
@@ -176,18 +175,5 @@ void VKQNetworkAgent::deliverResult(std::uint64_t taskIdentifier, const std::sha
 
 std::string VKQNetworkAgent::md5StringFromString(std::string_view string) {
   VKQAssert(!string.empty(), "Invalid parameter not satisfying: string != nil && [string length] > 0");
-  // The text up to its first NUL, as a C string would be.
-  const std::string_view text = string.substr(0, string.find('\0'));
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  const bool digested = EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr) == 1;
-  VKQAssert(digested && length == 16, "MD5 digest unavailable");
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(32);
-  for (unsigned int i = 0; i < length; ++i) {
-    hex += kHex[digest[i] >> 4];
-    hex += kHex[digest[i] & 0x0F];
-  }
-  return hex;
+  return VKQResumeDataStore::md5Name(string);
 }

@@ -1,11 +1,13 @@
 #include "Classes/VKQResumeDataStore.h"
 
+#include <openssl/evp.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
-#include "Classes/VKQNetworkAgent.h"
+#include "Platform/Base/Assert.h"
 #include "Platform/Base/Log.h"
 
 namespace fs = std::filesystem;
@@ -60,10 +62,28 @@ std::optional<std::string> VKQResumeDataStore::folder() {
   return folder.string();
 }
 
+std::string VKQResumeDataStore::md5Name(std::string_view text) {
+  // The text up to its first NUL, as a C string would be.
+  text = text.substr(0, text.find('\0'));
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  const bool digested = EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr) == 1;
+  VKQAssert(digested && length == 16, "MD5 digest unavailable");
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(32);
+  for (unsigned int i = 0; i < length; ++i) {
+    hex += kHex[digest[i] >> 4];
+    hex += kHex[digest[i] & 0x0F];
+  }
+  return hex;
+}
+
 std::optional<URL> VKQResumeDataStore::fileForName(std::string_view name) {
+  VKQAssert(!name.empty(), "Invalid parameter not satisfying: string != nil && [string length] > 0");
   const auto cache = folder();
   if (!cache) return std::nullopt;
-  return URL::fileURLWithPath((fs::path(*cache) / VKQNetworkAgent::md5StringFromString(name)).string());
+  return URL::fileURLWithPath((fs::path(*cache) / md5Name(name)).string());
 }
 
 std::optional<Bytes> VKQResumeDataStore::load(const std::string& downloadPath, const std::string& targetPath) {

@@ -25,8 +25,10 @@ class VKQResumeDataStore {
   // The folder, created on every call; absent, after logging "Failed to create cache
   // directory at", when it can't be.
   static std::optional<std::string> folder();
-  // The file for a name: its MD5 (VKQNetworkAgent::md5StringFromString) in the folder.
-  // Absent when the folder is.
+  // 32 lower-case hexadecimal digits: the MD5 of the UTF-8 text up to its first NUL.
+  static std::string md5Name(std::string_view text);
+  // The file for a name: its md5Name() in the folder. Absent when the folder is.
+  // REQUIRES: name is not empty (fatal assertion otherwise).
   static std::optional<vkq::platform::URL> fileForName(std::string_view name);
 
   // The resume data stored for a download of `downloadPath` into `targetPath` (equal

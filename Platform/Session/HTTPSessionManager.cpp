@@ -1,5 +1,9 @@
 #include "Platform/Session/HTTPSessionManager.h"
 
+#include <plist/plist.h>
+
+#include <cstdint>
+#include <limits>
 #include <system_error>
 
 #include "Platform/Transport/DataTaskBody.h"
@@ -69,6 +73,15 @@ fs::path HTTPSessionManager::partialDownloadsFolder() {
   fs::path temporary = fs::temp_directory_path(error);
   if (error) temporary = "/tmp";
   return temporary / "vkq-partial-downloads";
+}
+
+bool HTTPSessionManager::hasResumeDataForm(const Bytes& data) {
+  if (data.empty() || data.size() > std::numeric_limits<std::uint32_t>::max()) return false;
+  plist_t parsed = nullptr;
+  plist_from_memory(reinterpret_cast<const char*>(data.data()), static_cast<std::uint32_t>(data.size()), &parsed);
+  if (parsed == nullptr) return false;
+  plist_free(parsed);
+  return true;
 }
 
 std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(const URLRequest& request,

@@ -74,6 +74,10 @@ class HTTPSessionManager {
   // Where partial downloads lie until they complete: a folder of this process under
   // the temporary directory (TMPDIR). Resume data refers to files in it.
   static std::filesystem::path partialDownloadsFolder();
+  // Whether `data` has the form of resume data (a non-empty property list, of any
+  // content) and so is worth offering to downloadTaskWithResumeData(), which judges
+  // the content.
+  static bool hasResumeDataForm(const Bytes& data);
 
   // Data task: the body is collected in memory. The completion handler receives the
   // final answer's head (absent when none arrived), the response object the response
