@@ -37,7 +37,10 @@ std::int64_t decodeOneInput(std::span<const std::uint8_t> input) {
   const std::uint8_t flags = input.empty() ? 0 : input[0];
   const VKQKXPFrameSettings settings = settingsOf(input);
   vkq::platform::Bytes answer(input.size() > kPrefixSize ? input.begin() + kPrefixSize : input.end(), input.end());
-  if (flags & 0x40) answer = kxp_testing::referenceFrame(settings, answer, false);
+  if (flags & 0x40) {  // framed as it is: neither compressed nor masked
+    const VKQKXPFrameSettings framing{.insertAtBeginBody = settings.insertAtBeginBody, .version = settings.version};
+    if (auto frame = VKQKXPFrame::packResponse(answer, framing)) answer = std::move(*frame);
+  }
   const vkq::platform::Object answerObject(answer);
 
   auto request = kxp_testing::requestWith(settings);
