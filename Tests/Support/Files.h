@@ -56,7 +56,8 @@ inline std::string patternBytes(std::size_t size, std::uint32_t seed = 1) {
 }
 
 inline void writeFile(const std::filesystem::path& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc).write(content.data(), static_cast<std::streamsize>(content.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 inline std::string readFile(const std::filesystem::path& path) {

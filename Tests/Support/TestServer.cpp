@@ -197,7 +197,9 @@ void TestServer::sendFile(const std::filesystem::path& file, const FileOptions& 
     return;
   }
   sendBody(response, length, "application/octet-stream", options.pacing,
-           [stream](std::size_t, char* buffer, std::size_t count) { return std::fread(buffer, 1, count, stream.get()); });
+           [stream](std::size_t, char* buffer, std::size_t count) {
+             return std::fread(buffer, 1, count, stream.get());
+           });
 }
 
 }  // namespace vkq::testing

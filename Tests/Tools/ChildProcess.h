@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,27 +28,25 @@ class ChildProcess {
   // Runs `command` (the program's path, then its arguments) with standard input from
   // /dev/null. Variables for its environment go through env(1): {"/usr/bin/env", "A=b", ...}.
   explicit ChildProcess(std::vector<std::string> command) {
-    // Everything the child needs is prepared before fork(): after it, only
-    // async-signal-safe calls.
     std::vector<char*> argv;
     for (std::string& argument : command) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    const std::string out = path(Stream::Output), err = path(Stream::Error);
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
-      const int fds[] = {open("/dev/null", O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
-                         open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
-      for (int fd = 0; fd < 3; ++fd) {
-        if (fds[fd] < 0 || dup2(fds[fd], fd) < 0) _exit(127);
-      }
-      // The test runner may block signals; the child starts with the defaults.
-      sigset_t none;
-      sigemptyset(&none);
-      sigprocmask(SIG_SETMASK, &none, nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&files, 1, path(Stream::Output).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&files, 2, path(Stream::Error).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    // The test runner may block signals; the child starts with none blocked.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    const int failed = posix_spawn(&pid_, argv[0], &files, &attributes, argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&files);
+    if (failed != 0) throw std::runtime_error("cannot run " + command[0]);
   }
   ~ChildProcess() {
     if (running()) wait(std::chrono::milliseconds(0));

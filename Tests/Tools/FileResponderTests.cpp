@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <variant>
 
-#include <unistd.h>
-
+#include "Tests/Support/Files.h"
 #include "Tools/vkq/Server/FileResponder.h"
 
 namespace vkq::tool {
@@ -15,11 +13,10 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(ResolveUnderRoot, FindsFilesInsideAndRefusesEscapesWith403AndTheRestWith404) {
-  const fs::path base = fs::temp_directory_path() / ("vkq-resolve-" + std::to_string(getpid()));
-  fs::remove_all(base);
+  const vkq::testing::ScratchFolder base;
   fs::create_directories(base / "root" / "sub");
-  std::ofstream(base / "root" / "sub" / "a.bin") << "abc";
-  std::ofstream(base / "secret.txt") << "outside";
+  vkq::testing::writeFile(base / "root" / "sub" / "a.bin", "abc");
+  vkq::testing::writeFile(base / "secret.txt", "outside");
   fs::create_symlink(base / "secret.txt", base / "root" / "escape");
   fs::create_symlink(base / "root" / "sub" / "a.bin", base / "root" / "inside-link");
   const ResolvedFile inside = fs::canonical(base / "root" / "sub" / "a.bin");
@@ -36,17 +33,17 @@ TEST(ResolveUnderRoot, FindsFilesInsideAndRefusesEscapesWith403AndTheRestWith404
       {"missing.bin", 404},
   };
   for (const auto& [path, expected] : cases) EXPECT_EQ(resolveUnderRoot(base / "root", path), expected) << path;
-  fs::remove_all(base);
 }
 
 TEST(FileValidators, ChangeWhenTheFileChanges) {
-  const fs::path file = fs::temp_directory_path() / ("vkq-validators-" + std::to_string(getpid()));
-  std::ofstream(file) << "one";
+  const vkq::testing::ScratchFolder folder;
+  const fs::path file = folder / "file";
+  vkq::testing::writeFile(file, "one");
   const auto first = FileValidators::of(file);
   ASSERT_TRUE(first.has_value());
   EXPECT_EQ(first->size, 3u);
   EXPECT_TRUE(first->lastModified.ends_with(" GMT"));
-  std::ofstream(file) << "three";
+  vkq::testing::writeFile(file, "three");
   const auto second = FileValidators::of(file);
   EXPECT_NE(second->etag, first->etag);
   fs::last_write_time(file, fs::last_write_time(file) + std::chrono::seconds(1));
@@ -66,14 +63,12 @@ TEST(DecideRange, HonoursOneRangeOfTheCurrentVersionClampedToTheEnd) {
     if (decision.kind == RangeDecision::Kind::Unsatisfiable) return std::string("416");
     return "206 " + std::to_string(decision.range.first) + "+" + std::to_string(decision.range.length);
   };
-  EXPECT_EQ(answer("bytes=0-99"), "206 0+100");
-  EXPECT_EQ(answer("bytes=500-"), "206 500+500");
-  EXPECT_EQ(answer("bytes=990-5000"), "206 990+10");  // clamped to the end
-  EXPECT_EQ(answer("bytes=-10"), "206 990+10");       // the last 10 bytes
-  EXPECT_EQ(answer("bytes=-5000"), "206 0+1000");
-  EXPECT_EQ(answer("bytes=999-999"), "206 999+1");
-  EXPECT_EQ(answer("bytes=1000-"), "416");
-  EXPECT_EQ(answer("bytes=-0"), "416");
+  const std::pair<const char*, const char*> ranges[] = {
+      {"bytes=0-99", "206 0+100"},   {"bytes=500-", "206 500+500"}, {"bytes=990-5000", "206 990+10"},  // clamped
+      {"bytes=-10", "206 990+10"},   {"bytes=-5000", "206 0+1000"}, {"bytes=999-999", "206 999+1"},
+      {"bytes=1000-", "416"},        {"bytes=-0", "416"},
+  };
+  for (const auto& [range, expected] : ranges) EXPECT_EQ(answer(range), expected) << range;
   EXPECT_EQ(answer("bytes=0-", std::nullopt, FileValidators{"\"e\"", "d", 0}), "416") << "an empty file";
   // What is not understood is ignored.
   for (const char* range : {"bytes=0-1,5-6", "items=0-5", "bytes=5-2", "bytes=x-", "bytes=", "bytes=-", "bytes=1"}) {

@@ -141,12 +141,8 @@ TEST_F(VkqTool, EachFailureExitsWithItsStatusAndSaysWhy) {
   }
 }
 
-TEST_F(VkqTool, JSONEchoesAQueryAndSendsMethodBodyHeadersAndAuthorization) {
-  ServeProcess server({});
-  const auto get = vkq({"json", server.url("/json/echo"), "--arg", R"({"q":"tour","n":2})"});
-  EXPECT_EQ(get.status, 0) << get.err;
-  EXPECT_EQ(nlohmann::json::parse(get.out), nlohmann::json({{"q", "tour"}, {"n", "2"}}));  // a query has only texts
-
+// JSON against `vkq serve` is the README tour's part.
+TEST_F(VkqTool, JSONSendsMethodBodyHeadersAndAuthorization) {
   TestServer recorder;
   recorder.answer("/json", ScriptedAnswer(200, R"({"ok":1})").type("application/json"));
   const auto patch = vkq({"json", recorder.url("/json"), "--method", "patch", "--arg", R"({"a":[1,true,null]})",
@@ -155,10 +151,9 @@ TEST_F(VkqTool, JSONEchoesAQueryAndSendsMethodBodyHeadersAndAuthorization) {
   EXPECT_EQ(nlohmann::json::parse(patch.out), nlohmann::json({{"ok", 1}}));
   ASSERT_EQ(recorder.requestCount(), 1u);
   const auto sent = recorder.requests().front();
-  EXPECT_EQ(sent.method, "PATCH");
-  EXPECT_EQ(nlohmann::json::parse(sent.body), nlohmann::json::parse(R"({"a":[1,true,null]})"));
-  EXPECT_EQ(sent.header("X-Trace"), "7");
-  EXPECT_EQ(sent.header("Authorization"), "Basic bWU6cHc=");
+  EXPECT_EQ(std::tuple(sent.method, nlohmann::json::parse(sent.body), sent.header("X-Trace"),
+                       sent.header("Authorization")),
+            std::tuple("PATCH", nlohmann::json::parse(R"({"a":[1,true,null]})"), "7", "Basic bWU6cHc="));
 }
 
 TEST_F(VkqTool, ServeStopsCleanlyOnSIGINTAndSIGTERM) {
@@ -234,8 +229,7 @@ TEST_F(VkqDownload, ServeRefusesPathsOutsideItsRoot) {
   for (const auto& [path, status] : {std::pair{"/files/big.bin", 200}, {"/files/../secret.txt", 403},
                                      {"/files/%2e%2e/secret.txt", 403}}) {
     const auto answer = client.Get(path);
-    ASSERT_TRUE(answer) << path;
-    EXPECT_EQ(answer->status, status) << path;
+    EXPECT_EQ(answer ? answer->status : 0, status) << path;
   }
 }
 

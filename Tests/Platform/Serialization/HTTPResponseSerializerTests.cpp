@@ -17,11 +17,9 @@ TEST(ResponseSerializer, StatusesOutside2xxFailWithTheirReasonPhrase) {
   const std::pair<int, const char*> cases[] = {  // status, description (null when accepted)
       {200, nullptr},
       {299, nullptr},
-      {0, "Request failed: server error (0)"},
       {199, "Request failed: informational (199)"},  // phrases of unlisted statuses follow their class
       {304, "Request failed: not modified (304)"},
       {429, "Request failed: too many requests (429)"},
-      {499, "Request failed: client error (499)"},
       {500, "Request failed: internal server error (500)"},
   };
   const Object body(bytesFromString("{}"));
@@ -52,16 +50,12 @@ TEST(JSONResponseSerializer, ParsesValidAnswersAndRefusesMalformedWronglyTypedOr
   const std::tuple<int, const char*, const char*, const char*, std::int64_t> cases[] = {
       // Status, Content-Type, body (null: none), the object parsed from it (null: absent), error code.
       {200, "text/javascript; charset=utf-8", "1", "1", 0},
-      {200, "Application/JSON", "\"s\"", "\"s\"", 0},
-      // Empty answers give nothing, without an error.
-      {204, "application/json", nullptr, nullptr, 0},
-      {200, "application/json", " ", nullptr, 0},
+      {200, "Application/JSON", " ", nullptr, 0},  // empty answers give nothing, without an error
       {200, nullptr, nullptr, nullptr, 0},  // no type and no body: nothing to check
       {200, "application/json", "  ", nullptr, kURLErrorCannotDecodeContentData},  // only one space counts as empty
       {200, "application/json", "[1,2]x", nullptr, kURLErrorCannotDecodeContentData},
       // Refused by validation, so not parsed: the status first, then the type.
       {200, "text/html", nullptr, nullptr, kURLErrorCannotDecodeContentData},  // a named type is checked
-      {200, nullptr, "{}", nullptr, kURLErrorCannotDecodeContentData},         // a body without a type
       {500, "text/html", R"({"a":1})", nullptr, kURLErrorBadServerResponse},
   };
   for (const auto& [status, type, text, json, code] : cases) {

@@ -44,7 +44,8 @@ TEST(MultipartForm, RequestBodyIsParsedBackIntoItsPartsByTheServer) {
       "POST", server.url("/upload"), Object(JSON{{"user", {{"id", 7}}}, {"tags", {"a", "b"}}, {"note", nullptr}}),
       [&folder](MultipartFormData& form) {
         form.appendPartWithFileData(Bytes{0, 1, 2, 255}, "blob", "blob.bin", "application/x-test");
-        EXPECT_TRUE(form.appendPartWithFileURL(URL::fileURLWithPath((folder / "photo.JPG").string()), "photo", nullptr));
+        const URL photoURL = URL::fileURLWithPath((folder / "photo.JPG").string());
+        EXPECT_TRUE(form.appendPartWithFileURL(photoURL, "photo", nullptr));
         form.appendPartWithFormData(bytesFromString("plain text"), "text");
       },
       &error);
