@@ -1,6 +1,6 @@
 // The plain CRC-32 byte-table loop (ISO-HDLC: reflected, polynomial 0xEDB88320 in its
-// reflected form, initial register and final XOR 0xFFFFFFFF). The tests check the fast
-// library routine against it and the benchmark measures the speed-up over it.
+// reflected form, initial register and final XOR 0xFFFFFFFF): the codec benchmark
+// measures the library routine's speed-up over it.
 #pragma once
 
 #include <array>

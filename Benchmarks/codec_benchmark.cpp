@@ -15,7 +15,7 @@
 #include "Benchmarks/RecordsData.h"
 #include "Classes/Codec/Deflate.h"
 #include "Classes/Codec/Encrypt.h"
-#include "Tests/Classes/Codec/ReferenceCrc32.h"
+#include "Benchmarks/ReferenceCrc32.h"
 
 namespace {
 

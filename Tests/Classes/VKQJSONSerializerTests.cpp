@@ -1,7 +1,5 @@
-// The JSON serializers: how a request's argument becomes a URL request (URI methods,
-// headers, content type, the invalid-parameters error, writing options, copying and
-// archiving) and how a JSON answer becomes a result.
-#include <gmock/gmock.h>
+// The JSON serializers: how a request's argument becomes a URL request and how a JSON
+// answer becomes a result.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,29 +12,23 @@
 
 namespace {
 
-using ::testing::ElementsAre;
 using vkq::platform::Bytes;
 using vkq::platform::ErrorPtr;
 using vkq::platform::JSON;
 using vkq::platform::Object;
 using vkq::platform::URLRequest;
 
-URLRequest requestFor(std::string method) {
+URLRequest requestFor(std::string method, const char* contentType = nullptr) {
   URLRequest request;
   request.HTTPMethod = std::move(method);
   request.url = vkq::platform::URL::URLWithString("http://h/j");
+  if (contentType) request.setValueForHTTPHeaderField(contentType, "Content-Type");
   return request;
-}
-
-std::optional<std::string> bodyText(const std::optional<URLRequest>& request) {
-  if (!request || !request->HTTPBody) return std::nullopt;
-  return vkq::platform::stringFromBytes(*request->HTTPBody);
 }
 
 const JSON kArgument{{"name", "a/b"}, {"list", {1, 2}}};
 
 TEST(VKQJSONRequestSerializer, URIMethodsInAnyCaseUseTheQueryStringOthersAJSONBodyShapedByTheOptions) {
-  const JSON query{{"q", "x y"}};
   const struct {
     const char* method;
     std::uint64_t options;
@@ -44,90 +36,59 @@ TEST(VKQJSONRequestSerializer, URIMethodsInAnyCaseUseTheQueryStringOthersAJSONBo
     const char* url;
     std::optional<std::string> body;  // the Content-Type is JSON exactly when there is one
   } table[] = {
-      {"GET", 0, Object(query), "http://h/j?q=x%20y", std::nullopt},
-      {"get", 0, Object(query), "http://h/j?q=x%20y", std::nullopt},  // HEAD and DELETE: the agent's tests
-      // Without parameters: no body and no type, but the default header fields.
+      {"get", 0, Object(JSON{{"q", "x y"}}), "http://h/j?q=x%20y", std::nullopt},  // HEAD, DELETE: the agent's tests
       {"PUT", 0, Object(), "http://h/j", std::nullopt},
       {"POST", 0, Object(JSON()), "http://h/j", std::nullopt},
       {"patch", 0, Object(JSON::array()), "http://h/j", "[]"},
-      // Compact, with escaped slashes and keys in order, unless the options say otherwise.
       {"POST", 0, Object(kArgument), "http://h/j", R"({"list":[1,2],"name":"a\/b"})"},
-      {"POST", VKQJSONWritingWithoutEscapingSlashes, Object(kArgument), "http://h/j", R"({"list":[1,2],"name":"a/b"})"},
       {"POST", VKQJSONWritingPrettyPrinted | VKQJSONWritingWithoutEscapingSlashes, Object(kArgument), "http://h/j",
        "{\n  \"list\" : [\n    1,\n    2\n  ],\n  \"name\" : \"a/b\"\n}"},
-      {"POST", VKQJSONWritingPrettyPrinted, Object(JSON{{"a", JSON::array()}, {"o", JSON::object()}}), "http://h/j",
-       "{\n  \"a\" : [],\n  \"o\" : {}\n}"},
   };
   for (const auto& row : table) {
-    SCOPED_TRACE(std::string(row.method) + " " + std::to_string(row.options) + " " + row.parameters.description());
+    SCOPED_TRACE(std::string(row.method) + " " + row.parameters.description());
     const auto result = VKQJSONRequestSerializer::serializerWithWritingOptions(row.options)
                             ->requestBySerializingRequest(requestFor(row.method), row.parameters, nullptr);
-    ASSERT_TRUE(result);
     EXPECT_EQ(result->url->absoluteString(), row.url);
-    EXPECT_EQ(bodyText(result), row.body);
+    EXPECT_EQ(result->HTTPBody ? std::optional(vkq::platform::stringFromBytes(*result->HTTPBody)) : std::nullopt,
+              row.body);
     EXPECT_EQ(result->valueForHTTPHeaderField("Content-Type"),
               row.body ? std::optional<std::string>("application/json") : std::nullopt);
     EXPECT_TRUE(result->valueForHTTPHeaderField("User-Agent"));
   }
-}
-
-TEST(VKQJSONRequestSerializer, CallersHeadersWinOverDefaultsAndOverTheJSONType) {
-  const auto serializer = VKQJSONRequestSerializer::serializer();
-  serializer->setValue("serializer", "X-Both");
-  URLRequest request = requestFor("POST");
-  request.setValueForHTTPHeaderField("caller", "X-Both");
-  request.setValueForHTTPHeaderField("text/plain", "Content-Type");
-  const auto result = serializer->requestBySerializingRequest(request, Object(kArgument), nullptr);
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->valueForHTTPHeaderField("X-Both"), "caller");
-  EXPECT_EQ(result->valueForHTTPHeaderField("Content-Type"), "text/plain");
-  EXPECT_TRUE(result->HTTPBody);
+  const auto typed = VKQJSONRequestSerializer::serializer()->requestBySerializingRequest(
+      requestFor("POST", "text/plain"), Object(kArgument), nullptr);
+  EXPECT_EQ(typed->valueForHTTPHeaderField("Content-Type"), "text/plain") << "the caller's type wins";
 }
 
 TEST(VKQJSONRequestSerializer, ParametersThatAreNotAJSONContainerFail) {
-  const auto serializer = VKQJSONRequestSerializer::serializer();
-  for (const Object& parameters : {Object(JSON("text")), Object(JSON(42)), Object(Bytes{1, 2}),
-                                   Object(JSON::array({1.0, std::nan("")})), Object(JSON{{"b", JSON::binary({1})}})}) {
-    SCOPED_TRACE(parameters.description());
+  for (const Object& parameters : {Object(JSON(42)), Object(Bytes{1, 2}), Object(JSON::array({1.0, std::nan("")})),
+                                   Object(JSON{{"b", JSON::binary({1})}})}) {
     ErrorPtr error;
-    EXPECT_EQ(serializer->requestBySerializingRequest(requestFor("POST"), parameters, &error), std::nullopt);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->domain(), vkq::platform::kURLRequestSerializationErrorDomain);
-    EXPECT_EQ(error->code(), -1016);
-    EXPECT_EQ(error->userInfo().localizedFailureReason, "The `parameters` argument is not valid JSON.");
-    EXPECT_EQ(serializer->requestBySerializingRequest(requestFor("POST"), parameters, nullptr), std::nullopt);
+    EXPECT_EQ(VKQJSONRequestSerializer::serializer()->requestBySerializingRequest(requestFor("POST"), parameters, &error),
+              std::nullopt);
+    EXPECT_EQ(error->domain() + " " + std::to_string(error->code()) + " " + *error->userInfo().localizedFailureReason,
+              std::string(vkq::platform::kURLRequestSerializationErrorDomain) +
+                  " -1016 The `parameters` argument is not valid JSON.");
   }
-  // Text that is no UTF-8: the writer's own error reaches the caller.
-  ErrorPtr error;
-  EXPECT_EQ(serializer->requestBySerializingRequest(requestFor("POST"), Object(JSON::array({"\xFF\xFE"})), &error),
-            std::nullopt);
+  ErrorPtr error;  // text that is no UTF-8: the writer's own error reaches the caller
+  VKQJSONRequestSerializer::serializer()->requestBySerializingRequest(requestFor("POST"),
+                                                                     Object(JSON::array({"\xFF\xFE"})), &error);
   EXPECT_EQ(error ? error->domain() : "", VKQJSONWritingErrorDomain);
 }
 
 TEST(VKQJSONRequestSerializer, CopyAndArchiveKeepWritingOptionsAndSettingsButNotTheRequest) {
   const auto serializer = VKQJSONRequestSerializer::serializerWithRequest(VKQVesk::initWithJSONUrl("u", nullptr));
-  const std::uint64_t options = VKQJSONWritingPrettyPrinted | VKQJSONWritingWithoutEscapingSlashes;
-  serializer->setWritingOptions(options);
+  serializer->setWritingOptions(VKQJSONWritingPrettyPrinted);
   serializer->setValue("v", "X-Kept");
-  serializer->setAllowsCellularAccess(false);
   vkq::platform::KeyedArchiver coder;
   serializer->encodeWithCoder(coder);
-  EXPECT_EQ(vkq::platform::KeyedUnarchiver::unarchiverWithData(coder.encodedData())->decodeInteger("writingOptions"),
-            static_cast<std::int64_t>(options));
   for (const auto& kept : {std::dynamic_pointer_cast<VKQJSONRequestSerializer>(serializer->copy()),
                            VKQJSONRequestSerializer::unarchive(coder.encodedData())}) {
-    ASSERT_NE(kept, nullptr);
-    EXPECT_EQ(kept->writingOptions(), options);
+    EXPECT_EQ(kept->writingOptions(), VKQJSONWritingPrettyPrinted);
     EXPECT_EQ(kept->valueForHTTPHeaderField("X-Kept"), "v");
-    EXPECT_FALSE(kept->allowsCellularAccess());
     EXPECT_EQ(kept->request(), nullptr);
   }
-  // A base serializer's archive restores with no options; garbage restores nothing.
-  vkq::platform::KeyedArchiver base;
-  vkq::platform::HTTPRequestSerializer::serializer()->encodeWithCoder(base);
-  EXPECT_EQ(VKQJSONRequestSerializer::unarchive(base.encodedData())->writingOptions(), 0u);
   EXPECT_EQ(VKQJSONRequestSerializer::unarchive(Bytes{1, 2, 3}), nullptr);
-  EXPECT_EQ(VKQJSONRequestSerializer::unarchive(vkq::platform::KeyedArchiver().encodedData()), nullptr);
 }
 
 // A request that replays a recorded answer head.
@@ -169,11 +130,9 @@ TEST(VKQJSONResponseSerializer, DecodesAcceptedAnswersAndLogsEachFailureAsAnHTTP
     EXPECT_EQ(result->responseCode()->code(), row.log ? -2 : 0);
     EXPECT_EQ(result->data(), row.data);
     EXPECT_EQ(result->request(), request);
-    if (row.log) {
-      EXPECT_THAT(log.entries(), ElementsAre(ElementsAre(row.log, request->description())));
-    } else {
-      EXPECT_TRUE(log.entries().empty());
-    }
+    std::vector<vkq::platform::LogEntry> expected;
+    if (row.log) expected.push_back({row.log, request->description()});
+    EXPECT_EQ(log.entries(), expected);
   }
 }
 
