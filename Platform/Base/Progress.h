@@ -14,6 +14,7 @@ struct Progress {
   double fractionCompleted() const {
     return totalUnitCount > 0 ? static_cast<double>(completedUnitCount) / static_cast<double>(totalUnitCount) : 0.0;
   }
+  bool operator==(const Progress&) const = default;
 };
 
 // Called with a transfer's progress, on the transport's threads.

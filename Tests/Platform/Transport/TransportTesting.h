@@ -1,17 +1,14 @@
-// Helpers shared by the transport tests: outcome collectors that wait with a time
-// limit, a task runner, request makers and scratch files.
+// Helpers shared by the transport tests: outcome collectors and waits with a time
+// limit, a task runner and a request maker.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
+#include <chrono>
 #include <condition_variable>
-#include <filesystem>
-#include <fstream>
+#include <functional>
 #include <mutex>
 #include <optional>
-#include <sstream>
-#include <stdexcept>
 #include <thread>
 
 #include "Platform/Session/HTTPSessionManager.h"
@@ -35,6 +32,8 @@ class Outcomes {
   auto collector() {
     return [this](auto... arguments) { add(T{std::move(arguments)...}); };
   }
+  // Whether `count` invocations arrived within `timeout`; a false result after a short
+  // timeout shows that a further one did not come.
   bool waitFor(std::size_t count, std::chrono::milliseconds timeout = 20s) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return values_.size() >= count; });
@@ -49,6 +48,16 @@ class Outcomes {
   std::condition_variable changed_;
   std::vector<T> values_;
 };
+
+// Polls `condition` until it holds or `timeout` passes; returns whether it held.
+inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 20s) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
 
 struct DataOutcome {
   std::shared_ptr<const platform::HTTPResponse> response;
