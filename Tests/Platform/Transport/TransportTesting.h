@@ -52,11 +52,8 @@ class Outcomes {
 // Polls `condition` until it holds or `timeout` passes; returns whether it held.
 inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 20s) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
+  while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
+  return condition();
 }
 
 struct DataOutcome {
@@ -91,8 +88,7 @@ inline DataOutcome runToEnd(platform::HTTPSessionManager& manager, const platfor
   task->resume();
   EXPECT_TRUE(outcomes.waitFor(1));
   EXPECT_EQ(task->state(), platform::URLSessionTaskState::Completed);
-  const auto all = outcomes.all();
-  return all.empty() ? DataOutcome{} : all.front();
+  return outcomes.all().empty() ? DataOutcome{} : outcomes.all().front();
 }
 
 }  // namespace vkq::testing
