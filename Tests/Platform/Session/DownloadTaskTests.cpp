@@ -138,14 +138,13 @@ TEST_F(DownloadTaskTest, ResumedDownloadEndsWithTheServersCurrentEntityByteExact
 
 TEST_F(DownloadTaskTest, ResumeDataItCannotContinueFromIsRefused) {
   const Bytes good = interruptedDownload(patternBytes(1 << 20), FileOptions().withETag("\"v1\""), 256 << 10);
-  const auto decoded = platform::ResumeData::decode(good, nullptr);
-  ASSERT_TRUE(decoded.has_value());
+  const platform::ResumeData decoded = platform::ResumeData::decode(good, nullptr).value();
   const auto changed = [&decoded](auto change) {
-    platform::ResumeData copy = *decoded;
+    platform::ResumeData copy = decoded;
     change(copy);
     return copy.encoded();
   };
-  writeFile(folder / "outside.part", std::string(static_cast<std::size_t>(decoded->bytesReceived), 'x'));
+  writeFile(folder / "outside.part", std::string(static_cast<std::size_t>(decoded.bytesReceived), 'x'));
   const std::pair<const char*, Bytes> refused[] = {
       {"not resume data", Bytes{}},
       {"partial file outside our folder", changed([&](auto& d) { d.partialFilePath = folder / "outside.part"; })},

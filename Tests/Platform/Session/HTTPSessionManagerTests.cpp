@@ -72,11 +72,7 @@ TEST_F(DataTaskTest, SuspendedTaskMovesNoDataAndDoesNotTimeOutThenResumesOrCance
     // Longer than the idle time-out and the whole answer: neither may end the task.
     EXPECT_FALSE(outcomes.waitFor(1, 1s));
     EXPECT_LT(task->countOfBytesReceived(), static_cast<std::int64_t>(body.size()));
-    if (cancelWhileSuspended) {
-      task->cancel();
-    } else {
-      task->resume();
-    }
+    cancelWhileSuspended ? task->cancel() : task->resume();
     ASSERT_TRUE(outcomes.waitFor(1));
     EXPECT_FALSE(outcomes.waitFor(2, 100ms));
     EXPECT_EQ(codeOf(outcomes.all()[0].error), cancelWhileSuspended ? std::int64_t{platform::kURLErrorCancelled} : 0);
@@ -203,12 +199,14 @@ TEST_F(DataTaskTest, ThrowingHandlersAndAHandlerHoldingTheLastReferenceToTheMana
   server.answer("/a", ScriptedAnswer(200, "a"));
   Outcomes<DataOutcome> held;
   auto throwing = [](auto&&...) { throw std::runtime_error("handler"); };
-  manager->dataTaskWithRequest(makeRequest(server.url("/a")), nullptr, throwing, throwing)->resume();
+  auto thrower = manager->dataTaskWithRequest(makeRequest(server.url("/a")), nullptr, throwing, throwing);
+  thrower->resume();
+  ASSERT_TRUE(waitUntil([&] { return thrower->state() == URLSessionTaskState::Completed; }));
   auto task = manager->dataTaskWithRequest(makeRequest(server.url("/a")), nullptr, nullptr,
                                            [collect = held.collector(), keep = manager](auto... outcome) {
                                              collect(outcome...);
                                            });
-  manager.reset();  // the handler now holds the last reference, and the thrower ran first
+  manager.reset();  // the handler now holds the last reference
   task->resume();
   ASSERT_TRUE(held.waitFor(1));
   EXPECT_EQ(held.all()[0].body(), "a");
