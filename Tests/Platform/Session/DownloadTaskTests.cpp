@@ -74,27 +74,6 @@ class DownloadTaskTest : public ::testing::Test {
   std::shared_ptr<HTTPSessionManager> manager = HTTPSessionManager::manager();
 };
 
-TEST_F(DownloadTaskTest, AFailureWithoutAValidatorOrAPlainCancelLeavesNoFileAndNoResumeData) {
-  writeFile(source, patternBytes(1 << 20));
-  server.serveFile("/unvalidated", source, FileOptions().dropAfter(300000));
-  server.serveFile("/slow", source, FileOptions().withETag("\"v1\"").slow(50ms));
-  auto cancelled = fresh("/slow");
-  cancelled->resume();
-  ASSERT_TRUE(waitUntil([&] { return cancelled->countOfBytesReceived() > 0; }));
-  cancelled->cancel();
-  const std::pair<DownloadOutcome, std::int64_t> cases[] = {
-      {outcomes.waitFor(1) ? outcomes.all()[0] : DownloadOutcome{}, platform::kURLErrorCancelled},
-      {download(fresh("/unvalidated")), platform::kURLErrorNetworkConnectionLost},
-  };
-  for (const auto& [outcome, code] : cases) {
-    ASSERT_EQ(codeOf(outcome.error), code);
-    EXPECT_FALSE(outcome.error->userInfo().resumeData.has_value()) << code;
-    EXPECT_FALSE(outcome.filePath.has_value()) << code;
-  }
-  EXPECT_FALSE(fs::exists(target));
-  EXPECT_EQ(partialFileCount(), 0u);
-}
-
 TEST_F(DownloadTaskTest, ResumedDownloadEndsWithTheServersCurrentEntityByteExactAndNeverAppendsElsewhere) {
   const std::string original = patternBytes(2 << 20, 1);
   const std::string date = "Mon, 02 Jan 2023 10:00:00 GMT";
@@ -136,7 +115,11 @@ TEST_F(DownloadTaskTest, ResumedDownloadEndsWithTheServersCurrentEntityByteExact
   }
 }
 
-TEST_F(DownloadTaskTest, ResumeDataItCannotContinueFromIsRefused) {
+// A download without a validator for If-Range has no resume data; resume data that
+// cannot be continued from is refused.
+TEST_F(DownloadTaskTest, ResumeDataIsMadeAndAcceptedOnlyWhereTheDownloadCanContinue) {
+  EXPECT_TRUE(interruptedDownload(patternBytes(1 << 20), FileOptions(), 300000).empty());
+  EXPECT_EQ(partialFileCount(), 0u);
   const Bytes good = interruptedDownload(patternBytes(1 << 20), FileOptions().withETag("\"v1\""), 256 << 10);
   const platform::ResumeData decoded = platform::ResumeData::decode(good, nullptr).value();
   const auto changed = [&decoded](auto change) {
@@ -162,23 +145,32 @@ TEST_F(DownloadTaskTest, ResumeDataItCannotContinueFromIsRefused) {
   EXPECT_NE(resumed(good), nullptr);
 }
 
-// The continuation's progress counts the bytes already on disk.
-TEST_F(DownloadTaskTest, CancelByProducingResumeDataThenResumeAndNoneOnceFinished) {
+// A plain cancel gives the download up; cancelling by producing resume data keeps it to
+// continue, with progress that counts the bytes already on disk.
+TEST_F(DownloadTaskTest, CancelGivesUpButCancelByProducingResumeDataContinuesAndNoneOnceFinished) {
   const std::string content = patternBytes(2 << 20);
   writeFile(source, content);
   server.serveFile("/slow", source, FileOptions().withETag("\"v1\"").slow(20ms));
-  auto task = fresh("/slow");
-  task->resume();
-  ASSERT_TRUE(waitUntil([&] { return task->countOfBytesReceived() >= (256 << 10); }));
+  const auto started = [&] {
+    auto task = fresh("/slow");
+    task->resume();
+    EXPECT_TRUE(waitUntil([&] { return task->countOfBytesReceived() >= (256 << 10); }));
+    return task;
+  };
+  started()->cancel();
+  ASSERT_TRUE(outcomes.waitFor(1));
+  EXPECT_FALSE(outcomes.all()[0].error->userInfo().resumeData.has_value());
+  EXPECT_EQ(partialFileCount(), 0u);
+
   Outcomes<std::optional<Bytes>> produced;
   std::atomic<bool> completionSeenFirst{false};
-  task->cancelByProducingResumeData([&](std::optional<Bytes> data) {
-    completionSeenFirst = !outcomes.all().empty();
+  started()->cancelByProducingResumeData([&](std::optional<Bytes> data) {
+    completionSeenFirst = outcomes.all().size() > 1;
     produced.add(std::move(data));
   });
-  ASSERT_TRUE(outcomes.waitFor(1));
+  ASSERT_TRUE(outcomes.waitFor(2));
   EXPECT_FALSE(completionSeenFirst);
-  EXPECT_EQ(codeOf(outcomes.all()[0].error), platform::kURLErrorCancelled);
+  EXPECT_EQ(codeOf(outcomes.all()[1].error), platform::kURLErrorCancelled);
   ASSERT_TRUE(produced.all().at(0).has_value());
 
   server.serveFile("/slow", source, FileOptions().withETag("\"v1\""));
@@ -192,7 +184,7 @@ TEST_F(DownloadTaskTest, CancelByProducingResumeDataThenResumeAndNoneOnceFinishe
   continued->cancelByProducingResumeData(produced.collector());  // already finished: nothing to resume
   ASSERT_TRUE(produced.waitFor(2));
   EXPECT_FALSE(produced.all()[1].has_value());
-  EXPECT_EQ(outcomes.all().size(), 2u);
+  EXPECT_EQ(outcomes.all().size(), 3u);
 }
 
 }  // namespace
