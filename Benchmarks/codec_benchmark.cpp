@@ -75,7 +75,8 @@ void setRatio(benchmark::State& state, std::size_t plain, std::size_t compressed
 Bytes zlibCompress(const Bytes& input) {
   uLongf size = compressBound(static_cast<uLong>(input.size()));
   Bytes out(size);
-  if (compress2(out.data(), &size, input.data(), static_cast<uLong>(input.size()), Deflate::kCompressionLevel) != Z_OK) {
+  const int level = Deflate::kCompressionLevel;
+  if (compress2(out.data(), &size, input.data(), static_cast<uLong>(input.size()), level) != Z_OK) {
     return {};
   }
   out.resize(size);

@@ -108,8 +108,7 @@ Reading<RequestHeader> readRequestHeader(std::span<const std::uint8_t> frame, co
   return reader.finish(std::move(header));
 }
 
-Reading<ResponseHeader> readResponseHeader(std::span<const std::uint8_t> frame,
-                                           const VKQKXPFrameSettings& settings) {
+Reading<ResponseHeader> readResponseHeader(std::span<const std::uint8_t> frame, const VKQKXPFrameSettings& settings) {
   FieldReader reader(frame);
   ResponseHeader header;
   reader.readOptional(hasBeginMarker(settings), header.beginMarker);
@@ -176,15 +175,13 @@ std::optional<vkq::platform::Bytes> pack(std::span<std::uint8_t> payload, const 
   return frame;
 }
 
-
 }  // namespace
 
 std::optional<vkq::platform::Bytes> packRequest(std::span<std::uint8_t> payload, const VKQKXPFrameSettings& settings) {
   return pack(payload, settings, requestHeaderSize(settings), appendRequestHeader);
 }
 
-std::optional<vkq::platform::Bytes> packResponse(std::span<std::uint8_t> payload,
-                                                 const VKQKXPFrameSettings& settings) {
+std::optional<vkq::platform::Bytes> packResponse(std::span<std::uint8_t> payload, const VKQKXPFrameSettings& settings) {
   return pack(payload, settings, responseHeaderSize(settings), appendResponseHeader);
 }
 
@@ -192,14 +189,15 @@ std::optional<vkq::platform::Bytes> unpack(std::span<const std::uint8_t> body, s
                                            const VKQKXPFrameSettings& settings, TrailingBytes trailing,
                                            vkq::platform::ErrorPtr* error) {
   if (length > body.size() || (trailing == TrailingBytes::kRefused && length < body.size())) {
-    return refuse(error, VKQKXPFrameErrorLength,
-                "payload length field says " + std::to_string(length) + " bytes, " + std::to_string(body.size()) +
-                    " follow");
+    return refuse(
+        error, VKQKXPFrameErrorLength,
+        "payload length field says " + std::to_string(length) + " bytes, " + std::to_string(body.size()) + " follow");
   }
   if (length == 0) return refuse(error, VKQKXPFrameErrorLength, "empty payload");
   const std::span<const std::uint8_t> payload = body.first(length);
   if (const std::uint32_t actual = crcOf(payload); actual != crc) {
-    return refuse(error, VKQKXPFrameErrorChecksum, "payload CRC " + hexField(actual, 8) + ", the frame says " + hexField(crc, 8));
+    return refuse(error, VKQKXPFrameErrorChecksum,
+                  "payload CRC " + hexField(actual, 8) + ", the frame says " + hexField(crc, 8));
   }
 
   std::optional<vkq::platform::Bytes> unpacked;

@@ -133,8 +133,7 @@ Reading<ResponseHeader> readResponseHeader(std::span<const std::uint8_t> frame, 
 // Without compression the mask works on `payload` in place, so the caller's bytes come
 // back masked.
 std::optional<vkq::platform::Bytes> packRequest(std::span<std::uint8_t> payload, const VKQKXPFrameSettings& settings);
-std::optional<vkq::platform::Bytes> packResponse(std::span<std::uint8_t> payload,
-                                                 const VKQKXPFrameSettings& settings);
+std::optional<vkq::platform::Bytes> packResponse(std::span<std::uint8_t> payload, const VKQKXPFrameSettings& settings);
 
 // Whether bytes after the payload are allowed (the client ignores them) or refused (the
 // server wants the exact length).

@@ -8,11 +8,9 @@ namespace {
 using vkq::platform::Bytes;
 using vkq::platform::ErrorPtr;
 
-
 // "<what> <received>, expected <expected>" when the two differ; empty when they agree.
 template <typename T>
-std::string mismatch(const char* what, const std::optional<T>& received, const std::optional<T>& expected,
-                     int digits) {
+std::string mismatch(const char* what, const std::optional<T>& received, const std::optional<T>& expected, int digits) {
   if (received == expected) return {};
   const auto show = [digits](const std::optional<T>& value) {
     return value ? VKQKXPFrame::hexField(static_cast<std::uint32_t>(*value), digits) : std::string("none");
@@ -64,8 +62,8 @@ std::optional<Bytes> parseRequestFrame(std::span<const std::uint8_t> frame, cons
   }
   if (!reading.complete) {
     return VKQKXPFrame::refuse(error, VKQKXPFrameErrorTruncated,
-                  "frame of " + std::to_string(frame.size()) + " bytes is shorter than its " +
-                      std::to_string(VKQKXPFrame::requestHeaderSize(settings)) + "-byte header");
+                               "frame of " + std::to_string(frame.size()) + " bytes is shorter than its " +
+                                   std::to_string(VKQKXPFrame::requestHeaderSize(settings)) + "-byte header");
   }
   return VKQKXPFrame::unpack(frame.subspan(reading.size), reading.header.payloadLength, reading.header.payloadCRC,
                              settings, VKQKXPFrame::TrailingBytes::kRefused, error);

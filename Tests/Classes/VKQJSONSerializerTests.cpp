@@ -64,15 +64,16 @@ TEST(VKQJSONRequestSerializer, ParametersThatAreNotAJSONContainerFail) {
   for (const Object& parameters : {Object(JSON(42)), Object(Bytes{1, 2}), Object(JSON::array({1.0, std::nan("")})),
                                    Object(JSON{{"b", JSON::binary({1})}})}) {
     ErrorPtr error;
-    EXPECT_EQ(VKQJSONRequestSerializer::serializer()->requestBySerializingRequest(requestFor("POST"), parameters, &error),
-              std::nullopt);
+    EXPECT_EQ(
+        VKQJSONRequestSerializer::serializer()->requestBySerializingRequest(requestFor("POST"), parameters, &error),
+        std::nullopt);
     EXPECT_EQ(error->domain() + " " + std::to_string(error->code()) + " " + *error->userInfo().localizedFailureReason,
               std::string(vkq::platform::kURLRequestSerializationErrorDomain) +
                   " -1016 The `parameters` argument is not valid JSON.");
   }
   ErrorPtr error;  // text that is no UTF-8: the writer's own error reaches the caller
   VKQJSONRequestSerializer::serializer()->requestBySerializingRequest(requestFor("POST"),
-                                                                     Object(JSON::array({"\xFF\xFE"})), &error);
+                                                                      Object(JSON::array({"\xFF\xFE"})), &error);
   EXPECT_EQ(error ? error->domain() : "", VKQJSONWritingErrorDomain);
 }
 

@@ -16,7 +16,8 @@ using vkq::platform::Bytes;
 // JSON-like lines: compressible, but not trivially.
 Bytes textLike(std::size_t size) {
   Bytes bytes(size);
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::uint8_t>("{\"id\":12345,\"tags\":[\"a\"]}\n"[i % 26]);
+  for (std::size_t i = 0; i < size; ++i)
+    bytes[i] = static_cast<std::uint8_t>("{\"id\":12345,\"tags\":[\"a\"]}\n"[i % 26]);
   return bytes;
 }
 

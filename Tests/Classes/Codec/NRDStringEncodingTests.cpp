@@ -24,7 +24,7 @@ TEST(NRDStringEncoding, TextAndItsBytesConvertBothWays) {
       {Encoding::UTF16BigEndian, kMixed, {0x00, 0x61, 0x00, 0xE9, 0x20, 0xAC, 0xD8, 0x3D, 0xDE, 0x00}},
       {Encoding::UTF8, kMixed, bytesOf(kMixed)},
       {Encoding::UTF8, std::string("a\0b", 3), {'a', 0, 'b'}},  // NUL is a character
-      {Encoding::ASCII, "abc\x7F", bytesOf("abc\x7F")},          // the highest 7-bit character
+      {Encoding::ASCII, "abc\x7F", bytesOf("abc\x7F")},         // the highest 7-bit character
   };
   for (const auto& [encoding, text, bytes] : cases) {
     EXPECT_EQ(NRDEncodeString(text, encoding), bytes) << text;
@@ -37,7 +37,8 @@ TEST(NRDStringEncoding, MalformedTextAndBytesConvertToNothing) {
   for (const std::string text : {"\x80", "\xE2\x82", "\xC3\x28", "\xC0\xAF", "\xE0\x80\x80", "\xED\xA0\x80",
                                  "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80"}) {
     EXPECT_EQ(NRDDecodeString(bytesOf(text), Encoding::UTF8), std::nullopt) << text;
-    for (const auto encoding : {Encoding::UTF8, Encoding::ASCII, Encoding::UTF16LittleEndian, Encoding::UTF16BigEndian}) {
+    for (const auto encoding :
+         {Encoding::UTF8, Encoding::ASCII, Encoding::UTF16LittleEndian, Encoding::UTF16BigEndian}) {
       EXPECT_EQ(NRDEncodeString("ok" + text, encoding), std::nullopt) << text;
     }
   }

@@ -57,7 +57,9 @@ const Bytes kABC{0x61, 0x62, 0x63};
 
 // A table of calls rather than an array: GCC 12 warns falsely about arrays of settings.
 TEST(VKQKXPFrame, WorkedRequestFramesAndTheDefaults) {
-  const auto expectFrame = [](const Settings& settings, const Bytes& frame) { EXPECT_EQ(packRequest(settings, kABC), frame); };
+  const auto expectFrame = [](const Settings& settings, const Bytes& frame) {
+    EXPECT_EQ(packRequest(settings, kABC), frame);
+  };
   // Length 3, CRC-32("abc") = 35 24 41 C2, the payload.
   expectFrame({}, {0, 0, 0, 3, 0x35, 0x24, 0x41, 0xC2, 0x61, 0x62, 0x63});
   expectFrame({.insertAtBeginBody = 0x1234, .version = 2, .uploadOSType = true},
@@ -83,13 +85,16 @@ TEST(VKQKXPFrame, RandomSettingsFrameAsTheReferenceAndRoundTrip) {
   std::mt19937 random(20261121);  // fixed seed: a failure replays
   const auto below = [&](std::uint32_t bound) { return static_cast<std::uint32_t>(random() % bound); };
   for (int i = 0; i < 300; ++i) {
-    Settings settings{.compress = below(2) == 0, .xorKey = static_cast<std::uint8_t>(below(2) * (1 + below(255))),
+    Settings settings{.compress = below(2) == 0,
+                      .xorKey = static_cast<std::uint8_t>(below(2) * (1 + below(255))),
                       .insertAtBeginBody = static_cast<std::uint16_t>(below(2) * (1 + below(0xFFFF))),
-                      .version = static_cast<std::uint8_t>(below(2) * (1 + below(255))), .uploadOSType = below(2) == 0,
+                      .version = static_cast<std::uint8_t>(below(2) * (1 + below(255))),
+                      .uploadOSType = below(2) == 0,
                       .releaseVersion = static_cast<std::int32_t>(below(5)) * 300 - 600};
     if (below(2) == 0) settings.packageName = below(2) == 0 ? "" : "com.example.app" + std::to_string(below(100));
     Bytes payload = codec_reference::randomBytes(1 + below(3000), random());
-    if (below(2) == 0) for (auto& byte : payload) byte = "abcab "[byte % 6];
+    if (below(2) == 0)
+      for (auto& byte : payload) byte = "abcab "[byte % 6];
     SCOPED_TRACE("iteration " + std::to_string(i));
     ASSERT_EQ(packRequest(settings, payload), referenceFrame(settings, payload, true));
     Bytes copy = payload;
@@ -110,7 +115,8 @@ TEST(VKQKXPFrame, EveryFlippedBitAfterTheVersionAndEveryTruncationIsRefused) {
       flipped[at] ^= static_cast<std::uint8_t>(1 << bit);
       ASSERT_EQ(unpackResponse(flipped, settings).index(), at < 3 ? 0u : 1u) << "byte " << at << " bit " << bit;
     }
-    ASSERT_EQ(unpackResponse(Bytes(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(at)), settings).index(), 1u);
+    ASSERT_EQ(unpackResponse(Bytes(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(at)), settings).index(),
+              1u);
   }
 }
 
@@ -127,7 +133,8 @@ TEST(VKQKXPFrame, RefusalsNameTheirReason) {
   EXPECT_EQ(refusal(longer, {}), "accepted");
   EXPECT_EQ(refusal(longer, {}, VKQKXPFrame::TrailingBytes::kRefused),
             domain + "3 payload length field says 3 bytes, 4 follow");
-  EXPECT_EQ(refusal(Bytes(frame.begin(), frame.end() - 1), {}), domain + "3 payload length field says 3 bytes, 2 follow");
+  EXPECT_EQ(refusal(Bytes(frame.begin(), frame.end() - 1), {}),
+            domain + "3 payload length field says 3 bytes, 2 follow");
   EXPECT_EQ(refusal(Bytes(8, 0), {}), domain + "3 empty payload");  // though CRC("") is 0
   EXPECT_EQ(refusal(corrupt, {}), domain + "4 payload CRC 0x42237154, the frame says 0x352441C2");
   EXPECT_EQ(refusal(frame, {.compress = true}), domain + "5 payload does not decompress");

@@ -27,8 +27,13 @@ static_assert(NRDFileURL<vkq::platform::URL>, "the byte array reads the platform
 
 const Bytes kABC{0x61, 0x62, 0x63};
 // Every request field on: the header is 20 18 | 03 | 01 | length | CRC | package CRC | release CRC.
-const VKQKXPFrameSettings kStrict{.compress = true, .xorKey = 0x5A, .insertAtBeginBody = 0x2018, .version = 3,
-                                  .uploadOSType = true, .packageName = "com.vkq.app", .releaseVersion = 7};
+const VKQKXPFrameSettings kStrict{.compress = true,
+                                  .xorKey = 0x5A,
+                                  .insertAtBeginBody = 0x2018,
+                                  .version = 3,
+                                  .uploadOSType = true,
+                                  .packageName = "com.vkq.app",
+                                  .releaseVersion = 7};
 
 std::optional<Bytes> frameOf(std::shared_ptr<VKQVeskRequest> request, Object parameters) {
   return VKQKXPRequestSerializer::serializerWithRequest(std::move(request))->createDataWithParameters(parameters);
@@ -46,10 +51,12 @@ std::string text(const ErrorPtr& error) {
 
 // Each setting away from its default, so that one the serializer missed shows.
 TEST(VKQKXPRequestSerializer, FramesWithEverySettingOfTheRequestAndOnlyBytes) {
-  const VKQKXPFrameSettings settings{.xorKey = 0x5A, .insertAtBeginBody = 0x1234, .version = 3, .packageName = "p",
-                                     .releaseVersion = 7};
-  for (const auto& [request, expected] : {std::pair{requestWith(settings), settings}, {nullptr, VKQKXPFrameSettings()},
-                                          {requestWith({.nonProtocol = true, .compress = true}), {.nonProtocol = true}}}) {
+  const VKQKXPFrameSettings settings{
+      .xorKey = 0x5A, .insertAtBeginBody = 0x1234, .version = 3, .packageName = "p", .releaseVersion = 7};
+  for (const auto& [request, expected] :
+       {std::pair{requestWith(settings), settings},
+        {nullptr, VKQKXPFrameSettings()},
+        {requestWith({.nonProtocol = true, .compress = true}), {.nonProtocol = true}}}) {
     Bytes payload = kABC;
     EXPECT_EQ(frameOf(request, Object(kABC)), VKQKXPFrame::packRequest(payload, expected));
   }
@@ -101,7 +108,8 @@ TEST(VKQKXPResponseSerializer, ResultCodesDataAndLogEntries) {
   expect({.version = 2}, Object(frame), nullptr, 0, Object(kABC));
   expect({.version = 2}, Object(frame), vkq::platform::makeError(vkq::platform::kURLErrorDomain, -1001), -2, Object(),
          {{"request faild", "SUCCESS: " + Object(frame).description()}});
-  expect({.nonProtocol = true, .version = 2}, Object(vkq::platform::JSON{1}), nullptr, 0, Object(vkq::platform::JSON{1}));
+  expect({.nonProtocol = true, .version = 2}, Object(vkq::platform::JSON{1}), nullptr, 0,
+         Object(vkq::platform::JSON{1}));
   expect({.version = 2}, Object(Bytes{0x03}), nullptr, -3, Object(),
          {{"current protocol version not matching, [request version =", "2", "remote version =]", "3"}});
   expect({.version = 2}, Object(Bytes(frame.begin(), frame.begin() + 8)), nullptr, -4, Object(),
@@ -150,7 +158,9 @@ TEST(VKQKXPServerCodec, RefusesAFrameNamingWhatDiffers) {
   Bytes osType = frame, longer = frame;
   osType[3] = 2;
   longer.push_back(0);
-  const auto first = [&](std::size_t size) { return Bytes(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(size)); };
+  const auto first = [&](std::size_t size) {
+    return Bytes(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(size));
+  };
   const auto expectRefusal = [](const Bytes& bytes, const VKQKXPFrameSettings& settings, const std::string& reason) {
     ErrorPtr error;
     EXPECT_EQ(VKQKXPServerCodec::parseRequestFrame(bytes, settings, &error), std::nullopt) << reason;
@@ -163,8 +173,9 @@ TEST(VKQKXPServerCodec, RefusesAFrameNamingWhatDiffers) {
                 "package CRC 0x9C76AA98, expected 0x42919086 (package name differs)");
   expectRefusal(frame, with([](auto& s) { s.releaseVersion = 8; }),
                 "release CRC 0x6ABF4A82, expected 0xFA005713 (release version differs)");
-  expectRefusal(longer, kStrict, "payload length field says " + std::to_string(frame.size() - 20) + " bytes, " +
-                                     std::to_string(frame.size() - 19) + " follow");
+  expectRefusal(longer, kStrict,
+                "payload length field says " + std::to_string(frame.size() - 20) + " bytes, " +
+                    std::to_string(frame.size() - 19) + " follow");
   expectRefusal(first(19), kStrict, "frame of 19 bytes is shorter than its 20-byte header");
   // A truncated frame's version is still read first.
   expectRefusal(first(4), with([](auto& s) { s.version = 9; }), "protocol version 0x03, expected 0x09");
