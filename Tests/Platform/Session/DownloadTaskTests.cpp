@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <tuple>
 
 #include "Platform/Session/HTTPSessionManager.h"
 #include "Platform/Transport/ResumeData.h"
@@ -20,21 +21,6 @@ std::size_t partialFileCount() {
   std::error_code ignored;
   const fs::directory_iterator files(HTTPSessionManager::partialDownloadsFolder(), ignored);
   return static_cast<std::size_t>(std::distance(files, fs::directory_iterator()));
-}
-
-// A server that claims to resume but sends `content` from its start under the
-// validator `date`. The handler keeps its own copies: that the answer arrived orders it
-// before the test's end only through the socket, which a thread sanitizer does not see.
-TestServer::Handler resendingFromTheStart(std::string content, std::string date) {
-  return [content, date](const httplib::Request& request, httplib::Response& response) {
-    response.set_header("Last-Modified", date);
-    if (request.has_header("Range")) {
-      response.status = 206;
-      response.set_header("Content-Range", "bytes 0-" + std::to_string(content.size() - 1) + "/" +
-                                               std::to_string(content.size()));
-    }
-    response.set_content(content, "application/octet-stream");
-  };
 }
 
 class DownloadTaskTest : public ::testing::Test {
@@ -77,40 +63,46 @@ class DownloadTaskTest : public ::testing::Test {
 TEST_F(DownloadTaskTest, ResumedDownloadEndsWithTheServersCurrentEntityByteExactAndNeverAppendsElsewhere) {
   const std::string original = patternBytes(2 << 20, 1);
   const std::string date = "Mon, 02 Jan 2023 10:00:00 GMT";
-  const struct {
-    const char* label;
-    std::string now;        // the entity when the download resumes
-    const char* validator;  // its ETag; null: the server resends it from its start under `date`
-    int status;
-    std::size_t requests;  // to get it
-  } cases[] = {
+  // Label; the entity when the download resumes; its ETag (null: a server that resends it
+  // from its start under `date`); the final status; the requests it takes.
+  const std::tuple<const char*, std::string, const char*, int, std::size_t> cases[] = {
       {"unchanged: the rest is appended", original, "\"v1\"", 206, 1},
       {"changed: If-Range gives the whole new file", patternBytes(3 << 20, 2), "\"v2\"", 200, 1},
       {"shorter under the same validator: 416, then start over", patternBytes(512 << 10, 3), "\"v1\"", 200, 2},
       {"a 206 from the wrong position: start over", original, nullptr, 200, 2},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.label);
-    const FileOptions interrupted =
-        c.validator ? FileOptions().withETag("\"v1\"") : FileOptions().withLastModified(date);
+  for (const auto& [label, now, validator, status, exchanges] : cases) {
+    SCOPED_TRACE(label);
+    const FileOptions interrupted = validator ? FileOptions().withETag("\"v1\"") : FileOptions().withLastModified(date);
     const Bytes resumeData = interruptedDownload(original, interrupted, 1 << 20);
-    writeFile(source, c.now);
-    if (c.validator) {
-      server.serveFile("/file", source, FileOptions().withETag(c.validator));
+    writeFile(source, now);
+    if (validator) {
+      server.serveFile("/file", source, FileOptions().withETag(validator));
     } else {
-      server.handle("/file", resendingFromTheStart(c.now, date));
+      // Claims to resume but sends the entity from its start. The handler keeps its own
+      // copies: that the answer arrived orders it before the test's end only through the
+      // socket, which a thread sanitizer does not see.
+      server.handle("/file", [content = now, date](const httplib::Request& request, httplib::Response& response) {
+        response.set_header("Last-Modified", date);
+        if (request.has_header("Range")) {
+          response.status = 206;
+          response.set_header("Content-Range", "bytes 0-" + std::to_string(content.size() - 1) + "/" +
+                                                   std::to_string(content.size()));
+        }
+        response.set_content(content, "application/octet-stream");
+      });
     }
     const std::size_t before = server.requestCount();
     const DownloadOutcome outcome = download(resumed(resumeData));
     ASSERT_EQ(outcome.error, nullptr);
-    EXPECT_EQ(outcome.response->statusCode, c.status);
-    EXPECT_TRUE(readFile(target) == c.now);
+    EXPECT_EQ(outcome.response->statusCode, status);
+    EXPECT_TRUE(readFile(target) == now);
     const auto requests = server.requests();
-    ASSERT_EQ(requests.size(), before + c.requests);
+    ASSERT_EQ(requests.size(), before + exchanges);
     EXPECT_EQ(requests[before].header("Range"), "bytes=1048576-");
-    EXPECT_EQ(requests[before].header("If-Range"), c.validator ? "\"v1\"" : date);
+    EXPECT_EQ(requests[before].header("If-Range"), validator ? "\"v1\"" : date);
     EXPECT_EQ(requests[before].header("X-Client"), "1");
-    EXPECT_FALSE(c.requests > 1 && requests.back().header("Range").has_value());  // a restart asks for all
+    EXPECT_FALSE(exchanges > 1 && requests.back().header("Range").has_value());  // a restart asks for all
     EXPECT_EQ(partialFileCount(), 0u);  // the partial file was moved to the target
   }
 }

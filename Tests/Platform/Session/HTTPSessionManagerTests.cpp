@@ -51,8 +51,7 @@ TEST_F(DataTaskTest, AnswersArriveOnTheCompletionQueueAndStatusesOutside2xxAreEr
     server.answer("/status", ScriptedAnswer(status, body).header("Set-Cookie", "last=" + std::to_string(status)));
     const DataOutcome outcome = get("/status");
     EXPECT_EQ(server.requests().back().header("Cookie"), std::exchange(cookie, "last=" + std::to_string(status)));
-    ASSERT_NE(outcome.response, nullptr) << status;
-    EXPECT_EQ(outcome.response->statusCode, status);
+    EXPECT_EQ(outcome.response ? outcome.response->statusCode : 0, status);
     EXPECT_EQ(outcome.body(), body);
     EXPECT_EQ(codeOf(outcome.error), error);
     EXPECT_NE(outcome.thread, std::this_thread::get_id());
@@ -202,10 +201,8 @@ TEST_F(DataTaskTest, ThrowingHandlersAndAHandlerHoldingTheLastReferenceToTheMana
   auto thrower = manager->dataTaskWithRequest(makeRequest(server.url("/a")), nullptr, throwing, throwing);
   thrower->resume();
   ASSERT_TRUE(waitUntil([&] { return thrower->state() == URLSessionTaskState::Completed; }));
-  auto task = manager->dataTaskWithRequest(makeRequest(server.url("/a")), nullptr, nullptr,
-                                           [collect = held.collector(), keep = manager](auto... outcome) {
-                                             collect(outcome...);
-                                           });
+  auto holding = [collect = held.collector(), keep = manager](auto... outcome) { collect(outcome...); };
+  auto task = manager->dataTaskWithRequest(makeRequest(server.url("/a")), nullptr, nullptr, std::move(holding));
   manager.reset();  // the handler now holds the last reference
   task->resume();
   ASSERT_TRUE(held.waitFor(1));
