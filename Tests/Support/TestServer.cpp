@@ -5,8 +5,19 @@
 #include <regex>
 #include <stdexcept>
 
+#include <sys/socket.h>
+
 namespace vkq::testing {
 namespace {
+
+// cpp-httplib listens with a backlog of 5, so a burst of connections loses SYNs and
+// waits for TCP's retransmissions (1 s, 3 s, 7 s...). This reaches the listening socket
+// to widen it.
+template <typename Base>
+struct WideBacklog : Base {
+  using Base::Base;
+  void widen() { ::listen(this->svr_sock_, SOMAXCONN); }
+};
 
 struct ByteRange {
   std::size_t first;
@@ -28,10 +39,16 @@ std::optional<ByteRange> parseRange(const std::string& header) {
 TestServer::TestServer() : TestServer(Options{}) {}
 
 TestServer::TestServer(Options options) {
+  std::function<void()> widenBacklog;
   if (options.certificateFile && options.privateKeyFile) {
-    server_ = std::make_unique<httplib::SSLServer>(options.certificateFile->c_str(), options.privateKeyFile->c_str());
+    auto server = std::make_unique<WideBacklog<httplib::SSLServer>>(options.certificateFile->c_str(),
+                                                                    options.privateKeyFile->c_str());
+    widenBacklog = [raw = server.get()] { raw->widen(); };
+    server_ = std::move(server);
   } else {
-    server_ = std::make_unique<httplib::Server>();
+    auto server = std::make_unique<WideBacklog<httplib::Server>>();
+    widenBacklog = [raw = server.get()] { raw->widen(); };
+    server_ = std::move(server);
   }
   if (!server_->is_valid()) throw std::runtime_error("test server: cannot set up (TLS files?)");
 
@@ -49,11 +66,19 @@ TestServer::TestServer(Options options) {
 
   const int port = server_->bind_to_any_port("127.0.0.1");
   if (port <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
+  widenBacklog();
   base_ = std::string(options.certificateFile ? "https" : "http") + "://127.0.0.1:" + std::to_string(port);
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() does nothing until the server runs, so a stop() right after construction
   // would leave the accept loop running for ever.
-  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!server_->is_running()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      thread_.join();  // the accept loop never started: listening failed
+      throw std::runtime_error("test server: cannot listen on 127.0.0.1");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 TestServer::~TestServer() { stop(); }
