@@ -40,7 +40,6 @@ TEST(FileValidators, ChangeWhenTheFileChanges) {
   const auto first = FileValidators::of(file);
   ASSERT_TRUE(first.has_value());
   EXPECT_EQ(first->size, 3u);
-  EXPECT_TRUE(first->lastModified.ends_with(" GMT"));
   vkq::testing::writeFile(file, "three");
   const auto second = FileValidators::of(file);
   EXPECT_NE(second->etag, first->etag);
