@@ -27,20 +27,28 @@ TEST_F(VKQNetworkAgentExchange, EachRequestIsSentByItsMethodAndHeardBackOnceOnTh
   server.handle("/json", [](const httplib::Request& request, httplib::Response& response) {
     response.set_content(JSON{{"method", request.method}}.dump(), "application/json");
   });
-  const auto json = [&](VKQRequestMethod method) {
-    return VKQVesk::initWithJSONUrl(server.url("/json"), JSON{{"a", 1}}, method);
+  server.answer("/broken", ScriptedAnswer(500, "oops"));
+  server.answer("/garbled", ScriptedAnswer(200, "{not json").type("application/json"));
+  const auto json = [&](VKQRequestMethod method, const char* path = "/json") {
+    return VKQVesk::initWithJSONUrl(server.url(path), JSON{{"a", 1}}, method);
   };
   const auto echo = [](const char* method) { return Object(JSON{{"method", method}}); };
-  // KXP requests are always posted, also one that asks for HEAD.
+  // KXP requests are always posted, also one that asks for HEAD; one of version 3 is
+  // answered by a server of version 4.
   auto plain = kxpRequest(server.url("/plain"), "plain"), custom = kxpRequest(server.url("/custom"), "custom");
   custom->xorkeyPromise()(0x5A)->protocolVCPromise()(3)->compressPromise()(false)->packageNamePromise()("com.example");
   custom->requestMethedPromise()(VKQRequestMethodHEAD);
+  auto version3 = kxpRequest(server.url("/version4"), "x")->protocolVCPromise()(3);
+  VKQKXPFrameSettings version4 = VKQKXPFrameSettingsOf(*version3);
+  version4.version = 4;
   vkq::testing::serveKXP(server, "/plain", VKQKXPFrameSettingsOf(*plain));
   vkq::testing::serveKXP(server, "/custom", VKQKXPFrameSettingsOf(*custom));
+  vkq::testing::serveKXP(server, "/version4", VKQKXPFrameSettingsOf(*version3), version4);
   const struct {
     std::shared_ptr<VKQVesk> request;
     const char* method;
     Object data;
+    std::int64_t code = VKQResponseCodeSuccess;
   } table[] = {
       {plain, "POST", Object(vkq::platform::bytesFromString("pong:plain"))},
       {custom, "POST", Object(vkq::platform::bytesFromString("pong:custom"))},
@@ -50,6 +58,10 @@ TEST_F(VKQNetworkAgentExchange, EachRequestIsSentByItsMethodAndHeardBackOnceOnTh
       {json(VKQRequestMethodPUT), "PUT", echo("PUT")},
       {json(VKQRequestMethodDELETE), "DELETE", echo("DELETE")},
       {json(VKQRequestMethodPATCH), "PATCH", echo("PATCH")},
+      // Failures reach the failure callback with the decoder's code.
+      {version3, "POST", {}, VKQResponseCodeProtocolError},
+      {kxpRequest(server.url("/broken"), "x"), "POST", {}, VKQResponseCodeHTTPError},
+      {json(VKQRequestMethodPOST, "/garbled"), "POST", {}, VKQResponseCodeHTTPError},
   };
   for (const auto& row : table) {
     SCOPED_TRACE(row.request->url() + " " + row.method);
@@ -59,40 +71,14 @@ TEST_F(VKQNetworkAgentExchange, EachRequestIsSentByItsMethodAndHeardBackOnceOnTh
     EXPECT_TRUE(calls->order.empty()) << "a callback ran inside the starting call";
     EXPECT_EQ(log.count(kLogStart), kxp ? 1u : 0u);  // the debug log shows KXP requests only
     ASSERT_TRUE(runUntil([&] { return calls->outcomes() == 1; }));
-    EXPECT_EQ(calls->order, (Order{"completion", "success"}));
+    EXPECT_EQ(calls->order, (Order{"completion", row.code == VKQResponseCodeSuccess ? "success" : "failure"}));
+    EXPECT_EQ(calls->lastCode(), row.code);
     EXPECT_EQ(calls->results.back()->data(), row.data);
-    EXPECT_EQ(calls->results.back()->request(), row.request);
     EXPECT_EQ(server.requests().back().method, row.method);
     // Delivered, then forgotten: out of the registry, callbacks cleared.
     EXPECT_EQ(agent().recordCount(), 0u);
     EXPECT_FALSE(row.request->completionResultBlock() || row.request->successResultBlock() ||
                  row.request->failureResultBlock());
-  }
-}
-
-TEST_F(VKQNetworkAgentExchange, FailedExchangesReachTheFailureCallbackWithTheDecodersCode) {
-  // KXP requests of version 3, answered by a server of version 4.
-  VKQKXPFrameSettings settings = VKQKXPFrameSettingsOf(*kxpRequest("", "")->protocolVCPromise()(3)), answer = settings;
-  answer.version = 4;
-  vkq::testing::serveKXP(server, "/other-version", settings, answer);
-  server.answer("/broken", ScriptedAnswer(500, "oops"));
-  server.answer("/garbled", ScriptedAnswer(200, "{not json").type("application/json"));
-  const struct {
-    std::string url;
-    bool json;
-    std::int64_t code;
-  } table[] = {
-      {server.url("/other-version"), false, VKQResponseCodeProtocolError},
-      {server.url("/broken"), false, VKQResponseCodeHTTPError},
-      {server.url("/garbled"), true, VKQResponseCodeHTTPError},
-  };
-  for (const auto& row : table) {
-    SCOPED_TRACE(row.url + (row.json ? " JSON" : " KXP"));
-    auto request = row.json ? VKQVesk::initWithJSONUrl(row.url, JSON::object())
-                            : kxpRequest(row.url, "question")->protocolVCPromise()(3);
-    auto calls = startAndWait(*request);
-    EXPECT_EQ(calls->order, (Order{"completion", "failure"}));
-    EXPECT_EQ(calls->lastCode(), row.code);
   }
 }
 
@@ -114,6 +100,7 @@ TEST_F(VKQNetworkAgentExchange, EarlyFailuresForFramingAndReachability) {
   ASSERT_TRUE(runUntil([&] { return framing->outcomes() == 1 && offline->outcomes() == 2; }));
   EXPECT_EQ(framing->order, (Order{"completion", "failure"}));
   EXPECT_EQ(framing->lastCode(), VKQResponseCodeHTTPError);
+  EXPECT_EQ(framing->results.back()->request(), unframable);
   EXPECT_EQ(unframable->error()->domain(), "com.error.serialization.request");
   EXPECT_EQ(offline->order, (Order{"completion", "failure", "completion", "failure"}));
   EXPECT_EQ(offline->lastCode(), VKQResponseCodeNetworkError);

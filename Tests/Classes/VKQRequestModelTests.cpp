@@ -1,5 +1,5 @@
-// The request model: response codes and results, the request's description, and the
-// builder's initializers and promises.
+// The request model: response codes and results, and the builder's initializers and
+// promises.
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -24,16 +24,6 @@ TEST(VKQResponseCode, KnowsExactlyTheFiveCodesFromMinusFourToZeroAndDescribesAny
             "errorCode = (0), errorMsg = (Success)");
   EXPECT_EQ(VKQVeskResult::resultWithErrorCode(-3)->debugDescription(),
             "errorCode = (-3), errorMsg = (protocol error)");
-}
-
-TEST(VKQVeskRequest, DescriptionShowsTheStoredErrorOrTheAnswerAndStartingNeedsAnOwner) {
-  VKQVeskRequest request;
-  EXPECT_EQ(request.description(), "SUCCESS: (null)");
-  request.setResponseData(Bytes{0xAB, 0x01});
-  EXPECT_EQ(request.description(), "SUCCESS: <ab01>");
-  request.setError(vkq::platform::makeError("d", 5));
-  EXPECT_EQ(request.description(), "FAILURE: " + request.error()->description());
-  EXPECT_THROW(request.requestCompletion([](auto) {}), vkq::platform::InternalInconsistencyException);
 }
 
 // Everything an initializer decides, as one comparable (and printable) value: method,
@@ -94,7 +84,7 @@ TEST(VKQVesk, PromisesChainInOneExpressionAndSetTheirOwnField) {
   EXPECT_EQ(vesk->requestSerializerType(), VKQRequestSerializerTypeJSON);
 }
 
-TEST(VKQVesk, PromisesHoldTheBuilderWeaklyAndDoNothingWithoutIt) {
+TEST(VKQVesk, PromisesHoldTheBuilderWeaklyAndNothingWorksWithoutAnOwner) {
   auto vesk = VKQVesk::initWithKXPUrl("http://h/k", nullptr);
   const std::weak_ptr<VKQVesk> watch = vesk;
   auto setKey = vesk->xorkeyPromise();
@@ -104,6 +94,7 @@ TEST(VKQVesk, PromisesHoldTheBuilderWeaklyAndDoNothingWithoutIt) {
   VKQVesk unowned;
   EXPECT_EQ(unowned.compressPromise()(true), nullptr);
   EXPECT_FALSE(unowned.compress());
+  EXPECT_THROW(unowned.requestCompletion([](auto) {}), vkq::platform::InternalInconsistencyException);  // no owner
 }
 
 }  // namespace
