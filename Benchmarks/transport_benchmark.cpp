@@ -417,8 +417,7 @@ pid_t startServerProcess(const std::optional<std::pair<int, int>>& cores) {
       clientPorts.clear();
     });
     server.serveFile("/large", workFolder / "large.bin", vkq::testing::FileOptions().withETag("\"large\""));
-    const std::string root = server.url("/");  // "http://127.0.0.1:<port>/"
-    const int port = std::stoi(root.substr(root.rfind(':') + 1));
+    const int port = server.port();
     if (write(portPipe[1], &port, sizeof port) != sizeof port) _exit(1);
     char ignored;
     while (read(lifePipe[0], &ignored, 1) > 0) {

@@ -64,10 +64,10 @@ TestServer::TestServer(Options options) {
   server_->Get(".*", route).Post(".*", route).Put(".*", route).Patch(".*", route);
   server_->Delete(".*", route).Options(".*", route);
 
-  const int port = server_->bind_to_any_port("127.0.0.1");
-  if (port <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
+  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (port_ <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
   widenBacklog();
-  base_ = std::string(options.certificateFile ? "https" : "http") + "://127.0.0.1:" + std::to_string(port);
+  base_ = std::string(options.certificateFile ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() does nothing until the server runs, so a stop() right after construction
   // would leave the accept loop running for ever.

@@ -138,6 +138,8 @@ class TestServer {
 
   // "http://127.0.0.1:<port>" (or https) + `path`, which starts with "/".
   std::string url(std::string_view path) const;
+  // The port the server listens on (for a server in a child process to report).
+  int port() const { return port_; }
 
   void answer(const std::string& path, ScriptedAnswer answer);
   void handle(const std::string& path, Handler handler);
@@ -163,6 +165,7 @@ class TestServer {
   bool pause(std::chrono::milliseconds duration);
 
   std::unique_ptr<httplib::Server> server_;
+  int port_ = 0;
   std::string base_;
   std::thread thread_;
 
