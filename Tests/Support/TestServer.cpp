@@ -39,17 +39,16 @@ std::optional<ByteRange> parseRange(const std::string& header) {
 TestServer::TestServer() : TestServer(Options{}) {}
 
 TestServer::TestServer(Options options) {
-  std::function<void()> widenBacklog;
-  if (options.certificateFile && options.privateKeyFile) {
-    auto server = std::make_unique<WideBacklog<httplib::SSLServer>>(options.certificateFile->c_str(),
-                                                                    options.privateKeyFile->c_str());
-    widenBacklog = [raw = server.get()] { raw->widen(); };
+  // Keeps `server` and gives what widens its backlog once it is bound.
+  const auto keep = [this](auto server) -> std::function<void()> {
+    auto* raw = server.get();
     server_ = std::move(server);
-  } else {
-    auto server = std::make_unique<WideBacklog<httplib::Server>>();
-    widenBacklog = [raw = server.get()] { raw->widen(); };
-    server_ = std::move(server);
-  }
+    return [raw] { raw->widen(); };
+  };
+  const auto widenBacklog = options.certificateFile && options.privateKeyFile
+                                ? keep(std::make_unique<WideBacklog<httplib::SSLServer>>(
+                                      options.certificateFile->c_str(), options.privateKeyFile->c_str()))
+                                : keep(std::make_unique<WideBacklog<httplib::Server>>());
   if (!server_->is_valid()) throw std::runtime_error("test server: cannot set up (TLS files?)");
 
   server_->new_task_queue = [threads = options.threads] { return new httplib::ThreadPool(threads); };
@@ -214,9 +213,7 @@ void TestServer::sendFile(const std::filesystem::path& file, const FileOptions& 
                         "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" + std::to_string(size));
   }
 
-  std::shared_ptr<std::FILE> stream(std::fopen(file.c_str(), "rb"), [](std::FILE* f) {
-    if (f != nullptr) std::fclose(f);
-  });
+  std::shared_ptr<std::FILE> stream(std::fopen(file.c_str(), "rb"), [](std::FILE* f) { if (f) std::fclose(f); });
   if (!stream || std::fseek(stream.get(), static_cast<long>(first), SEEK_SET) != 0) {
     response.status = 500;
     return;

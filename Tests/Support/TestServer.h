@@ -58,23 +58,14 @@ struct BodyPacing {
 struct ScriptedAnswer {
   explicit ScriptedAnswer(int status = 200, std::string body = {}) : status(status), body(std::move(body)) {}
 
-  ScriptedAnswer& type(std::string value) {
-    contentType = std::move(value);
-    return *this;
-  }
+  ScriptedAnswer& type(std::string value) { contentType = std::move(value); return *this; }
   ScriptedAnswer& header(std::string name, std::string value) {
     headers.emplace_back(std::move(name), std::move(value));
     return *this;
   }
-  ScriptedAnswer& dropAfter(std::size_t bytes) {
-    pacing.dropAfterBytes = bytes;
-    return *this;
-  }
+  ScriptedAnswer& dropAfter(std::size_t bytes) { pacing.dropAfterBytes = bytes; return *this; }
   // Never answers; the connection stays open until the server stops.
-  ScriptedAnswer& neverAnswer() {
-    answers = false;
-    return *this;
-  }
+  ScriptedAnswer& neverAnswer() { answers = false; return *this; }
   ScriptedAnswer& slow(std::chrono::milliseconds pause, std::size_t piece) {
     pacing.pieceDelay = pause;
     pacing.pieceSize = piece;
@@ -94,24 +85,12 @@ struct ScriptedAnswer {
 // in which case the whole file is sent with 200. A start at or past the end gets 416
 // with "Content-Range: bytes */size".
 struct FileOptions {
-  FileOptions& withETag(std::string value) {
-    etag = std::move(value);
-    return *this;
-  }
-  FileOptions& withLastModified(std::string value) {
-    lastModified = std::move(value);
-    return *this;
-  }
+  FileOptions& withETag(std::string value) { etag = std::move(value); return *this; }
+  FileOptions& withLastModified(std::string value) { lastModified = std::move(value); return *this; }
   // Closes the connection after this many body bytes of each answer.
-  FileOptions& dropAfter(std::size_t bytes) {
-    pacing.dropAfterBytes = bytes;
-    return *this;
-  }
+  FileOptions& dropAfter(std::size_t bytes) { pacing.dropAfterBytes = bytes; return *this; }
   // Waits this long before each piece of 64 KiB.
-  FileOptions& slow(std::chrono::milliseconds delay) {
-    pacing.pieceDelay = delay;
-    return *this;
-  }
+  FileOptions& slow(std::chrono::milliseconds delay) { pacing.pieceDelay = delay; return *this; }
 
   std::optional<std::string> etag;          // e.g. "\"v1\""
   std::optional<std::string> lastModified;  // an HTTP date

@@ -25,9 +25,8 @@ std::string parsed(std::vector<std::string> arguments) {
     std::string text;
     for (const std::string& positional : result.positionals()) text += positional + " ";
     text += ";";
-    for (const char* name : {"--timeout", "--header", "--verbose"}) {
+    for (const char* name : {"--timeout", "--header", "--verbose"})
       for (const std::string& value : result.values(name)) text += std::string(" ") + name + "=" + value;
-    }
     return text;
   } catch (const UsageError& error) {
     return error.what();

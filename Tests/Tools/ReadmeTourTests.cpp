@@ -2,17 +2,16 @@
 // the build compiles: this keeps the two from drifting apart.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "Tests/Support/Files.h"
+
 namespace {
 
 std::string readSource(const std::string& relativePath) {
-  std::ostringstream text;
-  text << std::ifstream(std::string(VKQ_SOURCE_DIR) + "/" + relativePath).rdbuf();
-  return text.str();
+  return vkq::testing::readFile(std::filesystem::path(VKQ_SOURCE_DIR) / relativePath);
 }
 
 // The lines between "// --8<-- NAME" and "// --8<--", less the indentation of the

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <httplib.h>
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
@@ -52,10 +51,7 @@ class VkqTool : public ::testing::Test {
     return concat({"/usr/bin/env", "TMPDIR=" + (folder_ / "tmp").string(), program}, arguments);
   }
   // Runs `program` to its end (at most a minute).
-  struct Completed {
-    std::optional<int> status;
-    std::string out, err;
-  };
+  struct Completed { std::optional<int> status; std::string out, err; };
   Completed vkq(const Arguments& arguments, const std::string& program = kVkq) {
     ChildProcess child(inFolder(arguments, program));
     const auto status = child.wait(60s);
@@ -219,17 +215,6 @@ TEST_F(VkqDownload, InterruptedBySIGINTResumesOnTheNextRun) {
 
 TEST_F(VkqDownload, KilledWithoutResumeDataStartsAfreshOnTheNextRun) {
   EXPECT_THAT(interruptAndRunAgain(SIGKILL, 128 + SIGKILL), ::testing::Not(HasSubstr("Range:")));
-}
-
-TEST_F(VkqDownload, ServeRefusesPathsOutsideItsRoot) {
-  writeFile(folder_ / "secret.txt", "secret");
-  ServeProcess server(root());
-  httplib::Client client(server.url(""));
-  for (const auto& [path, status] : {std::pair{"/files/big.bin", 200}, {"/files/../secret.txt", 403},
-                                     {"/files/%2e%2e/secret.txt", 403}}) {
-    const auto answer = client.Get(path);
-    EXPECT_EQ(answer ? answer->status : 0, status) << path;
-  }
 }
 
 TEST_F(VkqDownload, TheReadmeTourRunsAgainstTheServer) {

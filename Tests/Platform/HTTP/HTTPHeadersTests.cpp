@@ -18,20 +18,6 @@ TEST(HTTPHeaders, NamesAreCaseInsensitiveAndKeepTheirFirstSpellingAndPlace) {
   EXPECT_EQ(headers.size(), 2u);
 }
 
-TEST(HTTPHeaders, DescriptionIsASortedDictionaryQuotingOnlyWhatNeedsIt) {
-  const HTTPHeaders headers{{"User-Agent", "app/1.0 (Linux 6.1)"}, {"Accept", "text/html"}, {"X", "a\"b"},
-                            {"Accept-Language", "en;q=1"}, {"Empty", ""}};
-  EXPECT_EQ(headers.description(),
-            "{\n"
-            "    Accept = text/html;\n"
-            "    \"Accept-Language\" = \"en;q=1\";\n"
-            "    Empty = \"\";\n"
-            "    \"User-Agent\" = \"app/1.0 (Linux 6.1)\";\n"
-            "    X = \"a\\\"b\";\n"
-            "}");
-  EXPECT_EQ(HTTPHeaders().description(), "{\n}");
-}
-
 TEST(HTTPResponse, DescribesItselfAndReadsMIMETypeAndContentLengthLeniently) {
   HTTPResponse response{URL::URLWithString("http://h/x"), 404, {{"Server", "t"}}};
   EXPECT_EQ(response.description(),

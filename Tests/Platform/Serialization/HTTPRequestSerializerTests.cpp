@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Base/Assert.h"
-
 namespace vkq::platform {
 namespace {
 
@@ -114,16 +112,6 @@ TEST(RequestSerializer, AcceptLanguageFollowsTheProcessLocale) {
     set("LANG", lang);
     EXPECT_EQ(HTTPRequestSerializer().valueForHTTPHeaderField("Accept-Language"), expected) << (lang ? lang : "-");
   }
-}
-
-TEST(RequestSerializer, MultipartRefusesGETAndNonObjectParameters) {
-  const auto serializer = HTTPRequestSerializer::serializer();
-  EXPECT_THROW(serializer->multipartFormRequestWithMethod("get", "https://h/", Object(), nullptr, nullptr),
-               InternalInconsistencyException);
-  ErrorPtr error;
-  EXPECT_FALSE(
-      serializer->multipartFormRequestWithMethod("POST", "https://h/", Object(JSON::array()), nullptr, &error));
-  EXPECT_EQ(error ? error->domain() : "", kURLRequestSerializationErrorDomain);
 }
 
 }  // namespace
