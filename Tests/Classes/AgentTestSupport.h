@@ -98,12 +98,6 @@ class AgentTest : public ::testing::Test {
     }
     return true;
   }
-  // Starts the request and drains the main queue until it has heard back once.
-  static std::shared_ptr<Calls> startAndWait(VKQVeskRequest& request) {
-    auto calls = start(request);
-    EXPECT_TRUE(runUntil([&] { return calls->outcomes() == 1; }));
-    return calls;
-  }
 };
 
 }  // namespace vkq::testing
