@@ -27,13 +27,8 @@ static_assert(NRDFileURL<vkq::platform::URL>, "the byte array reads the platform
 
 const Bytes kABC{0x61, 0x62, 0x63};
 // Every request field on: the header is 20 18 | 03 | 01 | length | CRC | package CRC | release CRC.
-const VKQKXPFrameSettings kStrict{.compress = true,
-                                  .xorKey = 0x5A,
-                                  .insertAtBeginBody = 0x2018,
-                                  .version = 3,
-                                  .uploadOSType = true,
-                                  .packageName = "com.vkq.app",
-                                  .releaseVersion = 7};
+const VKQKXPFrameSettings kStrict{.compress = true, .xorKey = 0x5A, .insertAtBeginBody = 0x2018, .version = 3,
+                                  .uploadOSType = true, .packageName = "com.vkq.app", .releaseVersion = 7};
 
 std::optional<Bytes> frameOf(std::shared_ptr<VKQVeskRequest> request, Object parameters) {
   return VKQKXPRequestSerializer::serializerWithRequest(std::move(request))->createDataWithParameters(parameters);

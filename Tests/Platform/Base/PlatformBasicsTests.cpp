@@ -49,9 +49,7 @@ TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
   EXPECT_THROW(VKQAssert(false, "requestTask should not be nil"), int);
   setAssertionHandler(nullptr);
   EXPECT_EQ(seen, "requestTask should not be nil");
-}
-
-TEST(Assert, SourcePathsAreTrimmedToTheClassesFolder) {
+  // Source paths are trimmed to the innermost Classes folder.
   const std::pair<const char*, const char*> cases[] = {
       {"/any/where/Classes/Codec/NRDByteArray.cpp", "Classes/Codec/NRDByteArray"},
       {"/a/Classes/b/Classes/X.cpp", "Classes/X"},  // the innermost folder

@@ -38,15 +38,8 @@ TEST(HTTPResponse, DescribesItselfAndReadsMIMETypeAndContentLengthLeniently) {
 // A received head keeps its lines: the cheap readers scan them, the fields parse them
 // once, and both agree with what a head built from fields says.
 TEST(HTTPResponse, ReadsReceivedHeaderLinesAsFields) {
-  const std::string lines =
-      "Content-Type: text/plain\r\n"
-      "set-cookie: a=1\r\n"
-      " Content-Length :  12 \r\n"
-      "no colon here\r\n"
-      ": nameless\r\n"
-      "Set-Cookie: b=2\r\n"
-      "Content-Encoding: gzip\r\n"
-      "\r\n";
+  const std::string lines = "Content-Type: text/plain\r\nset-cookie: a=1\r\n Content-Length :  12 \r\nno colon here\r\n"
+                            ": nameless\r\nSet-Cookie: b=2\r\nContent-Encoding: gzip\r\n\r\n";
   const auto response = HTTPResponse::withFieldLines(URL::URLWithString("http://h/x"), 200, lines);
   EXPECT_EQ(response->expectedContentLength(), 12);
   EXPECT_TRUE(response->isContentEncoded());

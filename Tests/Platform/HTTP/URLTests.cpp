@@ -7,7 +7,7 @@
 namespace vkq::platform {
 namespace {
 
-TEST(URL, KeepsTheGivenTextAndSplitsItIntoParts) {
+TEST(URL, KeepsTheGivenTextAndSplitsItIntoPartsOrRefusesIt) {
   // Text; its scheme, host, port (0: none), path, query and last path component.
   const std::tuple<const char*, const char*, const char*, int, const char*, const char*, const char*> cases[] = {
       // libcurl would lower-case the scheme and remove dot segments; the text stays as given.
@@ -31,9 +31,6 @@ TEST(URL, KeepsTheGivenTextAndSplitsItIntoParts) {
                          url->query(), url->lastPathComponent()),
               std::tuple(text, scheme, host, port, path, query, last));
   }
-}
-
-TEST(URL, RefusesTextThatIsNotAURL) {
   // Raw spaces, broken escapes, characters outside RFC 3986, two fragments, a scheme not
   // starting with a letter, bad ports, no host, raw non-ASCII.
   for (const char* text : {"", "http://h/a b", "a b", "http://h/%zz", "http://h/%4", "http://h/<x>", "http://h/a#b#c",
