@@ -48,9 +48,7 @@ class ChildProcess {
     posix_spawn_file_actions_destroy(&files);
     if (failed != 0) throw std::runtime_error("cannot run " + command[0]);
   }
-  ~ChildProcess() {
-    if (running()) wait(std::chrono::milliseconds(0));
-  }
+  ~ChildProcess() { if (running()) wait(std::chrono::milliseconds(0)); }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
