@@ -7,6 +7,7 @@
 
 #include "Classes/VKQNetworkAgent+Private.h"
 #include "Classes/VKQResumeDataStore.h"
+#include "Platform/Base/Assert.h"
 #include "Platform/Base/Log.h"
 #include "Platform/Session/HTTPSessionManager.h"
 #include "Platform/Session/URLSessionTask.h"
@@ -63,6 +64,7 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
   std::error_code ec;
   fs::remove_all(target, ec);
 
+  VKQAssert(!path.empty(), VKQNetworkAgentSupport::kStringNotEmpty);
   std::optional<Bytes> resumeData = VKQResumeDataStore::load(path, target);
 
   auto destination = [target](const URL&, std::shared_ptr<const vkq::platform::HTTPResponse>) {
@@ -109,6 +111,7 @@ std::optional<std::string> VKQNetworkAgent::incompleteDownloadTempCacheFolder() 
 }
 
 std::optional<URL> VKQNetworkAgent::incompleteDownloadTempPathForDownloadPath(std::string_view path) const {
+  VKQAssert(!path.empty(), VKQNetworkAgentSupport::kStringNotEmpty);
   return VKQResumeDataStore::fileForName(path);
 }
 

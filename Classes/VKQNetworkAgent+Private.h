@@ -10,6 +10,9 @@
 
 namespace VKQNetworkAgentSupport {
 
+// The assertion text for a download path or MD5 argument that is empty.
+inline constexpr const char* kStringNotEmpty = "Invalid parameter not satisfying: string != nil && [string length] > 0";
+
 // An error of `domain` and `code` with a localized description.
 inline vkq::platform::ErrorPtr describedError(const char* domain, std::int64_t code, std::string description,
                                               std::optional<std::string> failingURL = std::nullopt) {

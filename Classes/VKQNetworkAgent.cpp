@@ -174,6 +174,6 @@ void VKQNetworkAgent::deliverResult(std::uint64_t taskIdentifier, const std::sha
 // ---- Resume-data names ----
 
 std::string VKQNetworkAgent::md5StringFromString(std::string_view string) {
-  VKQAssert(!string.empty(), "Invalid parameter not satisfying: string != nil && [string length] > 0");
+  VKQAssert(!string.empty(), VKQNetworkAgentSupport::kStringNotEmpty);
   return VKQResumeDataStore::md5Name(string);
 }

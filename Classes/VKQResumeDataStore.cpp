@@ -80,7 +80,6 @@ std::string VKQResumeDataStore::md5Name(std::string_view text) {
 }
 
 std::optional<URL> VKQResumeDataStore::fileForName(std::string_view name) {
-  VKQAssert(!name.empty(), "Invalid parameter not satisfying: string != nil && [string length] > 0");
   const auto cache = folder();
   if (!cache) return std::nullopt;
   return URL::fileURLWithPath((fs::path(*cache) / md5Name(name)).string());

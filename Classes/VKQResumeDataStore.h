@@ -28,7 +28,7 @@ class VKQResumeDataStore {
   // 32 lower-case hexadecimal digits: the MD5 of the UTF-8 text up to its first NUL.
   static std::string md5Name(std::string_view text);
   // The file for a name: its md5Name() in the folder. Absent when the folder is.
-  // REQUIRES: name is not empty (fatal assertion otherwise).
+  // REQUIRES: name is not empty (the agent asserts it for every download path).
   static std::optional<vkq::platform::URL> fileForName(std::string_view name);
 
   // The resume data stored for a download of `downloadPath` into `targetPath` (equal

@@ -32,8 +32,10 @@ std::string sourcePathFromClasses(std::string_view path) {
   if (auto at = path.rfind(kRoot); at != std::string_view::npos && (at == 0 || path[at - 1] == '/')) {
     path.remove_prefix(at);
   }
-  if (auto dot = path.rfind('.'); dot != std::string_view::npos && path.find('/', dot) == std::string_view::npos) {
-    path = path.substr(0, dot);
+  const auto nameStart = path.rfind('/') == std::string_view::npos ? 0 : path.rfind('/') + 1;
+  if (auto dot = path.rfind('.'); dot != std::string_view::npos && dot >= nameStart) path = path.substr(0, dot);
+  if (auto plus = path.find('+', nameStart); plus != std::string_view::npos && plus > nameStart) {
+    path = path.substr(0, plus);
   }
   return std::string(path);
 }

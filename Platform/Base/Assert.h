@@ -41,6 +41,7 @@ void setAssertionHandler(AssertionHandler handler);
 [[noreturn]] void handleAssertionFailure(std::string description, std::string_view sourcePath, int line);
 
 // "/any/where/Classes/Codec/X.cpp" -> "Classes/Codec/X"; other paths lose only their extension.
+// A class implemented in several files reports as the class: "Classes/X+Downloads.cpp" -> "Classes/X".
 std::string sourcePathFromClasses(std::string_view path);
 
 }  // namespace vkq::platform

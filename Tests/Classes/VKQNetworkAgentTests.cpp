@@ -127,6 +127,8 @@ TEST(VKQNetworkAgentAssertions, ReportTheirFixedTextsFromTheAgentsSourceFile) {
   EXPECT_EQ(assertionOf([] { agent().cancelRequest(nullptr); }), invalid + "request != nil");
   EXPECT_EQ(assertionOf([] { VKQNetworkAgent::md5StringFromString(""); }),
             invalid + "string != nil && [string length] > 0");
+  EXPECT_EQ(assertionOf([] { agent().incompleteDownloadTempPathForDownloadPath(""); }),  // from +Downloads
+            invalid + "string != nil && [string length] > 0");
 
   // A JSON method, or a serializer type, outside the enumeration selects no task and
   // sets no error.
