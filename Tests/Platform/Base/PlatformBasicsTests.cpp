@@ -55,6 +55,7 @@ TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
       {"/a/Classes/b/Classes/X.cpp", "Classes/X"},  // the innermost folder
       {"/a/MyClasses/X.cpp", "/a/MyClasses/X"},     // not a Classes folder
       {"/a/Classes/v1.2/X", "Classes/v1.2/X"},       // a dot in a folder is kept
+      {"Classes/X+Downloads.cpp", "Classes/X"},      // a class's other implementation files report as the class
   };
   for (const auto& [path, trimmed] : cases) EXPECT_EQ(sourcePathFromClasses(path), trimmed);
 }
