@@ -56,16 +56,16 @@ class ChildProcess {
   // whole match); absent on time-out or when the child exits first.
   std::optional<std::string> waitFor(Stream stream, const std::string& pattern, std::chrono::milliseconds timeout) {
     const std::regex regex(pattern);
-    std::optional<std::string> found;
+    std::string text;
+    std::smatch match;
     pollUntil(
         [&] {
-          const bool alive = running();
-          const std::string text = contents(stream);
-          if (std::smatch match; std::regex_search(text, match, regex)) found = match[match.size() > 1 ? 1 : 0];
-          return found || !alive;
+          const bool alive = running();  // before reading, so that nothing written before an exit is missed
+          return std::regex_search(text = contents(stream), match, regex) || !alive;
         },
         timeout);
-    return found;
+    if (match.empty()) return std::nullopt;
+    return match[match.size() > 1 ? 1 : 0];
   }
   void signal(int signal) const { kill(pid_, signal); }
   // The exit status (128 + N for a child killed by signal N); absent on time-out, in
