@@ -2,12 +2,7 @@
 #include "Platform/Session/HTTPSessionManager.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <zlib.h>
-
-#include <cstdio>
 
 #include <tuple>
 #include <utility>
@@ -172,30 +167,9 @@ TEST_F(DataTaskTest, EachExchangeSendsItsOwnMethodAndBodyOneAfterAnotherOrConcur
   for (const auto& recorded : server.requests()) EXPECT_FALSE(recorded.header("Expect").has_value());
 }
 
-// A key and a self-signed certificate for 127.0.0.1 in one PEM file.
-void writeSelfSignedCertificate(const std::filesystem::path& file) {
-  EVP_PKEY* key = EVP_EC_gen("P-256");
-  X509* certificate = X509_new();
-  X509_gmtime_adj(X509_getm_notBefore(certificate), 0);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
-  X509_set_pubkey(certificate, key);
-  X509_NAME* name = X509_get_subject_name(certificate);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
-  X509_set_issuer_name(certificate, name);
-  X509_sign(certificate, key, EVP_sha256());
-  FILE* out = std::fopen(file.c_str(), "wb");
-  PEM_write_X509(out, certificate);
-  PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr);
-  std::fclose(out);
-  X509_free(certificate);
-  EVP_PKEY_free(key);
-}
-
 TEST_F(DataTaskTest, TransportFailuresMapToTheirURLErrorsAndNameTheFailingURL) {
-  ScratchFolder folder;
-  writeSelfSignedCertificate(folder / "server.pem");
-  TestServer::Options untrusted;
-  untrusted.certificateFile = untrusted.privateKeyFile = folder / "server.pem";
+  TestServer::Options untrusted;  // a self-signed certificate for 127.0.0.1, valid for a century
+  untrusted.certificateFile = untrusted.privateKeyFile = VKQ_SOURCE_DIR "/Tests/Support/untrusted-127.0.0.1.pem";
   TestServer tls(untrusted);
   TestServer closed;
   const std::string closedURL = closed.url("/gone");
