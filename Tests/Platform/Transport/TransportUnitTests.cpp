@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 
+#include "Platform/Transport/CurlErrors.h"
 #include "Platform/Transport/FileWriter.h"
 
 namespace vkq::platform {
@@ -21,6 +22,12 @@ TEST(FileWriter, AFailedSystemCallIsAnErrorOfItsErrno) {
   EXPECT_EQ(error->domain(), kPOSIXErrorDomain);
   EXPECT_EQ(error->code(), ENOSPC);
   EXPECT_EQ(error->localizedDescription(), std::string("write: ") + std::strerror(ENOSPC));
+}
+
+// libcurl's own time-outs (connect, resolve) are time-outs too; the worker's idle
+// time-out, which the data-task tests reach, never passes through this mapping.
+TEST(CurlErrors, ACurlTimeOutIsATimeOut) {
+  EXPECT_EQ(URLErrorCodeForCurlCode(CURLE_OPERATION_TIMEDOUT), kURLErrorTimedOut);
 }
 
 }  // namespace
