@@ -107,10 +107,12 @@ TEST_F(DownloadTaskTest, ResumedDownloadEndsWithTheServersCurrentEntityByteExact
   }
 }
 
-// A download without a validator for If-Range has no resume data; resume data that
-// cannot be continued from is refused.
+// A download without a validator for If-Range has no resume data, and one refused by
+// its status no file; resume data that cannot be continued from is refused.
 TEST_F(DownloadTaskTest, ResumeDataIsMadeAndAcceptedOnlyWhereTheDownloadCanContinue) {
   EXPECT_TRUE(interruptedDownload(patternBytes(1 << 20), FileOptions(), 300000).empty());
+  server.answer("/missing", ScriptedAnswer(404, "no such file"));
+  EXPECT_EQ(codeOf(download(fresh("/missing")).error), platform::kURLErrorBadServerResponse);
   EXPECT_EQ(partialFileCount(), 0u);
   const Bytes good = interruptedDownload(patternBytes(1 << 20), FileOptions().withETag("\"v1\""), 256 << 10);
   const platform::ResumeData decoded = platform::ResumeData::decode(good, nullptr).value();
