@@ -2,6 +2,7 @@
 // arrive from any thread.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -28,10 +29,7 @@ class LogCapture {
   }
   // Entries whose first piece is `first`.
   std::size_t count(const std::string& first) const {
-    std::lock_guard lock(mutex_);
-    std::size_t n = 0;
-    for (const auto& entry : entries_) n += !entry.empty() && entry.front() == first ? 1 : 0;
-    return n;
+    return std::ranges::count_if(entries(), [&](const auto& entry) { return !entry.empty() && entry[0] == first; });
   }
 
  private:

@@ -110,16 +110,6 @@ TEST(NRDByteArray, ReplacementsWriteAtTheCursorOnlyWhatFitsWithNativeWords) {
   EXPECT_EQ(array->position(), kWord + 5);
 }
 
-TEST(NRDByteArray, NoBufferDropsAppendsUnlikeAnEmptyOne) {
-  EXPECT_NE(NRDByteArray::initWithBytes(nullptr, 0)->data(), nullptr);
-  auto array = NRDByteArray::initWithBigEndian(false);
-  array->setData(std::nullopt);
-  array->appendUInt32(1);
-  array->appendData(Bytes{1, 2}, true);
-  array->appendEmptyBytesWithLength(4);
-  EXPECT_EQ(array->data(), nullptr);
-}
-
 // Any type with the two accessors of a file URL will do; vkq::platform::URL is one.
 struct FileURL {
   std::string path;

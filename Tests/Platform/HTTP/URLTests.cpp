@@ -57,19 +57,6 @@ TEST(URL, ResolvesReferencesAgainstABase) {
   }
 }
 
-TEST(URL, AppendingPathComponentsEscapesThemAndKeepsQueryAndFragment) {
-  const std::tuple<const char*, const char*, const char*> cases[] = {  // URL, component, result
-      {"http://h/a?q=1#f", "b c?", "http://h/a/b%20c%3F?q=1#f"},
-      {"http://h/a/", "b", "http://h/a/b"},
-      {"https://api.example.com/api", "", "https://api.example.com/api/"},  // how a request base gets its "/"
-  };
-  for (const auto& [text, component, expected] : cases) {
-    const URL appended = URL::URLWithString(text).value().URLByAppendingPathComponent(component);
-    EXPECT_EQ(appended.absoluteString(), expected);
-    EXPECT_EQ(appended.path(), URL::URLWithString(expected)->path()) << expected;  // the parts follow the text
-  }
-}
-
 TEST(URL, FileURLsRoundTripTheirPath) {
   const URL file = URL::fileURLWithPath("/tmp/a dir/50%#?.zip");
   EXPECT_EQ(file.absoluteString(), "file:///tmp/a%20dir/50%25%23%3F.zip");
