@@ -162,13 +162,18 @@ void VKQNetworkAgent::handleRequestResult(const std::shared_ptr<URLSessionTask>&
 
 void VKQNetworkAgent::deliverResult(std::uint64_t taskIdentifier, const std::shared_ptr<VKQVeskRequest>& request,
                                     const std::shared_ptr<VKQVeskResult>& result) {
-  callResultBlock(request->completionResultBlock(), result);
-  // An absent result reads as success, so it goes to the success callback.
-  const bool success =
-      !result || !result->responseCode() || result->responseCode()->code() == VKQResponseCodeSuccess;
-  callResultBlock(success ? request->successResultBlock() : request->failureResultBlock(), result);
-  record_.remove(taskIdentifier);
+  // The callbacks leave the request before they run: a callback that starts the request
+  // again gives it new callbacks, and clearing after the call would drop those.
+  const VKQVeskRequest::ResultBlock completion = request->completionResultBlock();
+  const VKQVeskRequest::ResultBlock success = request->successResultBlock();
+  const VKQVeskRequest::ResultBlock failure = request->failureResultBlock();
   request->clearCompletionBlock();
+  callResultBlock(completion, result);
+  // An absent result reads as success, so it goes to the success callback.
+  const bool succeeded =
+      !result || !result->responseCode() || result->responseCode()->code() == VKQResponseCodeSuccess;
+  callResultBlock(succeeded ? success : failure, result);
+  record_.remove(taskIdentifier);
 }
 
 // ---- Resume-data names ----

@@ -176,9 +176,9 @@ class VKQNetworkAgent {
   VKQNetworkAgent();
   ~VKQNetworkAgent() = delete;
 
-  // The main-queue part of a completion: callbacks, then the request leaves the
-  // registry (by the identifier of the task that completed) and its callbacks are
-  // cleared.
+  // The main-queue part of a completion: the request's callbacks are taken from it and
+  // run, then the request leaves the registry (by the identifier of the task that
+  // completed). A callback may start the request again; its new callbacks stay.
   void deliverResult(std::uint64_t taskIdentifier, const std::shared_ptr<VKQVeskRequest>& request,
                      const std::shared_ptr<VKQVeskResult>& result);
   // Cancels a download of `path` by producing resume data, which is stored for the
