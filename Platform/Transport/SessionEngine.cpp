@@ -2,6 +2,8 @@
 
 #include <thread>
 
+#include "Platform/Base/HandoffBatch.h"
+
 #include "Platform/Transport/SessionTransfer.h"
 
 namespace vkq::platform {
@@ -13,6 +15,8 @@ void CompletionOutbox::flush() {
   batch.reserve(pending_.capacity());
   batch.swap(pending_);
   queue_.async([batch = std::move(batch)]() mutable {
+    // Requests that handlers start reach the worker together, with one wake-up.
+    const HandoffBatch handoffs;
     for (Entry& entry : batch) {
       try {
         entry.transfer->handle(std::move(entry.event));

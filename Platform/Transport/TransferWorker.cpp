@@ -21,7 +21,8 @@ TransferWorker::TransferWorker(std::function<void()> beforeWait, HandlePreparati
     : beforeWait_(std::move(beforeWait)),
       prepareHandle_(std::move(prepareHandle)),
       multi_(makeMultiHandle()),
-      share_(makeShareHandle()) {
+      share_(makeShareHandle()),
+      waker_(std::make_shared<Waker>([this] { wakeIfWaiting(); })) {
   idleHandles_.reserve(kMaximumIdleHandles);  // keepHandle() never allocates
   // The share handle is only used on the worker thread, so it needs no lock callbacks.
   curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
@@ -31,6 +32,7 @@ TransferWorker::TransferWorker(std::function<void()> beforeWait, HandlePreparati
 }
 
 TransferWorker::~TransferWorker() {
+  waker_->close();  // a batch may still hold a wake-up for this worker
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
@@ -52,12 +54,19 @@ void TransferWorker::unpause(std::shared_ptr<Transfer> transfer) {
 }
 
 void TransferWorker::post(Command command) {
-  bool wake;
   {
     std::lock_guard lock(mutex_);
     commands_.push_back(std::move(command));
+  }
+  Waker::wake(waker_);
+}
+
+void TransferWorker::wakeIfWaiting() {
+  bool wake;
+  {
     // Only a worker waiting in curl_multi_poll() needs waking, and once: a busy one
     // takes the commands at the start of its next round.
+    std::lock_guard lock(mutex_);
     wake = waiting_;
     waiting_ = false;
   }

@@ -18,6 +18,7 @@
 
 #include <curl/curl.h>
 
+#include "Platform/Base/HandoffBatch.h"
 #include "Platform/Transport/CurlHandles.h"
 
 namespace vkq::platform {
@@ -79,7 +80,9 @@ class TransferWorker {
   TransferWorker(const TransferWorker&) = delete;
   TransferWorker& operator=(const TransferWorker&) = delete;
 
-  // Thread-safe. The transfer starts on the worker thread soon after.
+  // Thread-safe. The transfer starts on the worker thread soon after: at once, or when
+  // the HandoffBatch open on the calling thread closes. The same holds for cancel(),
+  // pause() and unpause().
   void add(std::shared_ptr<Transfer> transfer);
   // Thread-safe. Ends the transfer with EndReason::Cancelled unless it already ended.
   void cancel(std::shared_ptr<Transfer> transfer);
@@ -96,6 +99,8 @@ class TransferWorker {
   };
 
   void post(Command command);
+  // Wakes the worker if it waits in curl_multi_poll().
+  void wakeIfWaiting();
   void run();
   void apply(Command& command);
   void begin(const std::shared_ptr<Transfer>& transfer);
@@ -117,6 +122,7 @@ class TransferWorker {
   std::vector<Command> commands_;  // guarded by mutex_
   bool stopping_ = false;          // guarded by mutex_
   bool waiting_ = false;           // guarded by mutex_: in curl_multi_poll(), not yet woken
+  const std::shared_ptr<Waker> waker_;
 
   struct Running {
     std::shared_ptr<Transfer> transfer;
