@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds with warnings as errors and runs every test, then
-# builds and runs the whole suite again under AddressSanitizer + UndefinedBehaviorSanitizer.
+# builds and runs the whole suite again under AddressSanitizer + UndefinedBehaviorSanitizer,
+# and once more under ThreadSanitizer, so that a race in the hand-offs between threads
+# cannot land.
 #
-#   scripts/test.sh          both runs (what CI does)
+#   scripts/test.sh          the three runs (what CI does)
 #   scripts/test.sh --quick  the plain run only
 #   scripts/test.sh --tsan   the suite under ThreadSanitizer only
 set -euo pipefail
@@ -28,6 +30,6 @@ run_suite() {
 case "${1:-}" in
   --tsan)  run_suite tsan build-tsan ;;
   --quick) run_suite ci build ;;
-  "")      run_suite ci build; run_suite asan build-asan ;;
+  "")      run_suite ci build; run_suite asan build-asan; run_suite tsan build-tsan ;;
   *)       echo "usage: scripts/test.sh [--quick|--tsan]" >&2; exit 64 ;;
 esac
