@@ -34,8 +34,10 @@ std::string upperCased(std::string_view text) {
   return out;
 }
 
+}  // namespace
+
 // "de_DE.UTF-8@euro" -> "de-DE;q=1"; the C locale, an unset or a malformed one -> "en;q=1".
-std::string acceptLanguageFromEnvironment() {
+std::string HTTPRequestSerializer::acceptLanguageFromEnvironment() {
   std::string_view locale;
   for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
     const char* value = std::getenv(name);
@@ -54,6 +56,8 @@ std::string acceptLanguageFromEnvironment() {
   if (tag.empty() || tag == "C" || tag == "POSIX") return "en;q=1";
   return tag + ";q=1";
 }
+
+namespace {
 
 std::string programName() {
   char path[4096];
@@ -172,9 +176,13 @@ std::shared_ptr<HTTPRequestSerializer> HTTPRequestSerializer::serializer() {
 }
 
 HTTPRequestSerializer::HTTPRequestSerializer() {
-  static const std::string kUserAgent = userAgent();
-  headers_.set("Accept-Language", acceptLanguageFromEnvironment());
-  headers_.set("User-Agent", kUserAgent);
+  static const HTTPHeaders kDefaultHeaders = [] {
+    HTTPHeaders headers;
+    headers.set("Accept-Language", acceptLanguageFromEnvironment());
+    headers.set("User-Agent", userAgent());
+    return headers;
+  }();
+  headers_ = kDefaultHeaders;
 }
 
 HTTPRequestSerializer::~HTTPRequestSerializer() = default;

@@ -3,7 +3,8 @@
 //
 // Defaults of a new serializer: header fields "Accept-Language" (from the process
 // locale, "lang;q=1"; "en;q=1" when none) and "User-Agent" (program name and version,
-// operating system); time-out 60 s; cellular access allowed; the methods "GET",
+// operating system), both worked out once per process, on first use, so that making a
+// serializer per request stays cheap; time-out 60 s; cellular access allowed; the methods "GET",
 // "HEAD" and "DELETE" carry their parameters in the URI; strings are UTF-8.
 //
 // A serializer is configured on one thread and then used by one thread at a time.
@@ -45,6 +46,10 @@ class HTTPRequestSerializer {
 
   HTTPRequestSerializer();
   virtual ~HTTPRequestSerializer();
+
+  // The "Accept-Language" value of the locale the environment names now (LC_ALL, then
+  // LC_MESSAGES, then LANG).
+  static std::string acceptLanguageFromEnvironment();
 
   // Default header fields applied to every request built, unless the request has them.
   const HTTPHeaders& HTTPRequestHeaders() const { return headers_; }
