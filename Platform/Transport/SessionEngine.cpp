@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "Platform/Base/MainQueue.h"
 #include "Platform/Transport/SessionTransfer.h"
 
 namespace vkq::platform {
@@ -13,6 +14,7 @@ void CompletionOutbox::flush() {
   batch.reserve(pending_.capacity());
   batch.swap(pending_);
   queue_.async([batch = std::move(batch)]() mutable {
+    MainQueue::Batch mainQueueBatch;  // the callbacks these events post go to the main queue together
     for (Entry& entry : batch) {
       try {
         entry.transfer->handle(std::move(entry.event));
