@@ -37,6 +37,8 @@ void Waker::close() {
 
 HandoffBatch::HandoffBatch() { ++batch.depth; }
 
+bool HandoffBatch::isOpen() { return batch.depth > 0; }
+
 HandoffBatch::~HandoffBatch() {
   if (--batch.depth > 0) return;
   for (const std::shared_ptr<Waker>& waker : batch.pending) {

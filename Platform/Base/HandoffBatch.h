@@ -1,11 +1,13 @@
-// Wake-ups gathered per batch of hand-offs.
+// Hand-offs gathered per batch.
 //
 // A thread that hands work to another thread (a queue, the transfer worker) usually
 // wakes it for every item. While a HandoffBatch is open on the handing thread, each
 // receiver is instead woken once, when the outermost batch closes: a completion queue
 // that starts the next requests from a batch of completions, or a main queue that runs
 // a batch of callbacks, wakes the transfer worker once per batch rather than once per
-// request. Outside a batch, wake() wakes at once.
+// request. The main queue goes further and holds the jobs themselves back until then,
+// so that they arrive together (MainQueue::async). Outside a batch, wake() wakes at
+// once.
 //
 //   {
 //     HandoffBatch batch;
@@ -26,7 +28,8 @@ class Waker {
  public:
   explicit Waker(std::function<void()> wake) : wake_(std::move(wake)) {}
 
-  // Wakes the receiver now, or when the batch open on this thread closes.
+  // Wakes the receiver now, or when the batch open on this thread closes (then on this
+  // thread, once however often it was asked).
   static void wake(const std::shared_ptr<Waker>& waker);
   // Wakes the receiver now, unless it closed.
   void wakeNow();
@@ -46,6 +49,9 @@ class HandoffBatch {
   ~HandoffBatch();
   HandoffBatch(const HandoffBatch&) = delete;
   HandoffBatch& operator=(const HandoffBatch&) = delete;
+
+  // Whether a batch is open on the calling thread.
+  static bool isOpen();
 };
 
 }  // namespace vkq::platform

@@ -3,7 +3,6 @@
 #include <thread>
 
 #include "Platform/Base/HandoffBatch.h"
-
 #include "Platform/Transport/SessionTransfer.h"
 
 namespace vkq::platform {
@@ -15,7 +14,8 @@ void CompletionOutbox::flush() {
   batch.reserve(pending_.capacity());
   batch.swap(pending_);
   queue_.async([batch = std::move(batch)]() mutable {
-    // Requests that handlers start reach the worker together, with one wake-up.
+    // The callbacks these events post go to the main queue together, and requests
+    // that handlers start reach the worker together: one wake-up each.
     const HandoffBatch handoffs;
     for (Entry& entry : batch) {
       try {

@@ -212,7 +212,7 @@ TEST_F(VkqDownload, KilledWithoutResumeDataStartsAfreshOnTheNextRun) {
   EXPECT_THAT(interruptAndRunAgain(SIGKILL, 128 + SIGKILL), ::testing::Not(HasSubstr("Range:")));
 }
 
-TEST_F(VkqDownload, TheReadmeTourRunsAgainstTheServer) {
+TEST_F(VkqDownload, TheExampleProgramsRunAgainstTheServer) {
   ServeProcess server(root());
   const auto result = vkq({server.url("")}, VKQ_TOUR_BINARY);
   EXPECT_EQ(result.status, 0) << result.err;
@@ -221,6 +221,10 @@ TEST_F(VkqDownload, TheReadmeTourRunsAgainstTheServer) {
   const fs::path downloaded = folder_ / "tmp" / "vkq-tour-big.bin";
   EXPECT_THAT(result.out, HasSubstr("downloaded to " + downloaded.string()));
   EXPECT_TRUE(readFile(downloaded) == content_);
+
+  const auto polled = vkq({server.url("")}, VKQ_POLL_LOOP_BINARY);
+  EXPECT_EQ(polled.status, 0) << polled.err;
+  EXPECT_THAT(polled.out, HasSubstr("answer: {\"city\":\"Lima\"}\n"));
 }
 
 }  // namespace

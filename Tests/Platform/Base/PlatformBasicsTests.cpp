@@ -9,7 +9,6 @@
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Error.h"
 #include "Platform/Base/Log.h"
-#include "Platform/Base/MainQueue.h"
 #include "Platform/Serialization/Object.h"
 #include "Platform/Base/SerialQueue.h"
 #include "Platform/HTTP/URL.h"
@@ -17,8 +16,6 @@
 
 namespace vkq::platform {
 namespace {
-
-using namespace std::chrono_literals;
 
 TEST(Error, DescriptionFallsBackFromDescriptionToReasonToDomainAndCode) {
   ErrorUserInfo info;
@@ -91,30 +88,6 @@ TEST(Object, CopiesShareTheirBytesAndEachKindDescribesItself) {
       {Object(URL::fileURLWithPath("/tmp/x")), "file:///tmp/x"},
   };
   for (const auto& [object, description] : cases) EXPECT_EQ(object.description(), description);
-}
-
-TEST(MainQueue, RunsJobsInPostingOrderNeverInsideTheCallerNorReentrantlyAndPastAThrowingJob) {
-  MainQueue::useManualDraining();
-  MainQueue::drain();
-  std::vector<int> order;
-  for (int i = 0; i < 3; ++i) {
-    MainQueue::async([&order, i] {
-      EXPECT_TRUE(MainQueue::isCurrent());
-      if (i == 0) MainQueue::async([&order] { order.push_back(3); });
-      EXPECT_EQ(MainQueue::drain(), 0u);  // no re-entrant draining
-      order.push_back(i);
-      if (i == 1) throw std::runtime_error("callback failed");
-    });
-  }
-  EXPECT_TRUE(order.empty());
-  EXPECT_FALSE(MainQueue::isCurrent());
-  EXPECT_EQ(MainQueue::drain(), 4u);
-  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
-
-  std::atomic<bool> done{false};
-  std::thread poster([&done] { MainQueue::async([&done] { done = true; }); });
-  EXPECT_TRUE(MainQueue::runUntil([&done] { return done.load(); }, 5s));  // waits for jobs from other threads
-  poster.join();
 }
 
 TEST(SerialQueue, RunsJobsOneAtATimeInPostingOrderOnItsOwnThreadPastThrowingJobs) {
