@@ -1,5 +1,6 @@
 // Resumable downloads: where a download lands, when it may continue from stored resume
-// data, and how resume data is kept when a download fails or is cancelled.
+// data, how resume data is kept when a download fails or is cancelled, and how a fresh
+// start discards what it supersedes.
 #include "Classes/VKQNetworkAgent.h"
 
 #include <filesystem>
@@ -75,7 +76,9 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
                                                std::optional<URL> file, ErrorPtr taskError) {
     if (!taskError) {
       VKQResumeDataStore::remove(path, target);
-    } else if (taskError->userInfo().resumeData) {
+    } else if (taskError->userInfo().resumeData && taskError->code() != vkq::platform::kURLErrorCancelled) {
+      // A cancellation's resume data was stored by cancelDownloadTask(); storing it again
+      // here, later, could overwrite the data of a download that has continued since.
       VKQResumeDataStore::store(path, target, *taskError->userInfo().resumeData);
     }
     handleRequestResult(slot->lock(), file ? Object(std::move(*file)) : Object(), std::move(taskError));
@@ -87,7 +90,11 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
     task = manager_->downloadTaskWithResumeData(*resumeData, progress, destination, completion, &refusal);
     if (!task) DDDebug("Resume download failed, reason = ", refusal->localizedDescription());
   }
-  if (!task) task = manager_->downloadTaskWithRequest(*urlRequest, progress, destination, completion);
+  if (!task) {
+    // Starting afresh supersedes an earlier attempt at the target: its partial file goes.
+    VKQResumeDataStore::discard(path, target);
+    task = manager_->downloadTaskWithRequest(*urlRequest, progress, destination, completion);
+  }
   *slot = task;
   return task;
 }
@@ -101,9 +108,9 @@ void VKQNetworkAgent::cancelDownloadTask(const std::shared_ptr<URLSessionDownloa
   if (sent && sent->url) {
     if (const auto name = fileNameInFolder(path, *sent->url)) target = (fs::path(path) / *name).string();
   }
-  task->cancelByProducingResumeData([path, target](std::optional<Bytes> resumeData) {
-    if (resumeData) VKQResumeDataStore::store(path, target, *resumeData);
-  });
+  // Waits for the transport's worker to stop the transfer, never for a queue.
+  const std::optional<Bytes> resumeData = task->cancelByProducingResumeData().get();
+  if (resumeData) VKQResumeDataStore::store(path, target, *resumeData);
 }
 
 std::optional<std::string> VKQNetworkAgent::incompleteDownloadTempCacheFolder() const {

@@ -20,7 +20,8 @@
 //
 // Downloads: a JSON GET request with a resumableDownloadPath is run as a file
 // download. Resume data of an interrupted download (failed or cancelled) is kept by
-// VKQResumeDataStore, and the next download of the same path continues from it.
+// VKQResumeDataStore, and the next download of the same path continues from it; a
+// cancelled download's is in place when cancelRequest() returns.
 //
 // The class is implemented by concern: VKQNetworkAgent.cpp (starting, cancelling,
 // the registry, delivery), VKQNetworkAgent+Building.cpp (URL, serializers, tasks),
@@ -76,7 +77,10 @@ class VKQNetworkAgent {
   void addRequest(const std::shared_ptr<VKQVeskRequest>& request);
   // Cancels the request's task and forgets the request: no callback ever runs for it
   // and its callbacks stay attached. A download is cancelled by producing resume data,
-  // which is stored for the next download of the same path.
+  // which is stored before this returns, so a download of the same path started right
+  // after continues from it. For that it waits for the transport's worker thread to
+  // stop the transfer (never for the main queue or a callback), so it may be called
+  // from any thread, callbacks included.
   // REQUIRES: request is not null.
   void cancelRequest(const std::shared_ptr<VKQVeskRequest>& request);
 
@@ -152,11 +156,12 @@ class VKQNetworkAgent {
   // already at the target is removed at once. Resumes when VKQResumeDataStore holds
   // data for the download that validateResumeData() accepts; otherwise (also when the
   // transport refuses it: "Resume download failed, reason = " is logged) a fresh
-  // download. When the task ends, a failure's resume data is stored and a success
-  // removes any. Null with an error (domain kURLErrorDomain, code
-  // kURLErrorCannotCreateFile) when the last path component would leave the folder
-  // (".", "..", empty, or holding "/"), and null with the serializer's error when the
-  // URL request of a fresh download could not be built.
+  // download, which discards the resume data stored for the target and its partial
+  // file. When the task ends, a failure's resume data is stored (a cancellation's is
+  // stored by cancelDownloadTask()) and a success removes any. Null with an error
+  // (domain kURLErrorDomain, code kURLErrorCannotCreateFile) when the last path
+  // component would leave the folder (".", "..", empty, or holding "/"), and null with
+  // the serializer's error when the URL request of a fresh download could not be built.
   std::shared_ptr<vkq::platform::URLSessionDownloadTask> downloadTaskWithDownloadPath(
       const std::string& path, const vkq::platform::HTTPRequestSerializer& requestSerlizer, std::string_view URLString,
       const vkq::platform::Object& parameters, vkq::platform::ProgressBlock progress, vkq::platform::ErrorPtr* error);
@@ -182,7 +187,7 @@ class VKQNetworkAgent {
   void deliverResult(std::uint64_t taskIdentifier, const std::shared_ptr<VKQVeskRequest>& request,
                      const std::shared_ptr<VKQVeskResult>& result);
   // Cancels a download of `path` by producing resume data, which is stored for the
-  // next download of the same path (VKQNetworkAgent+Downloads.cpp).
+  // next download of the same path before this returns (VKQNetworkAgent+Downloads.cpp).
   void cancelDownloadTask(const std::shared_ptr<vkq::platform::URLSessionDownloadTask>& task,
                           const std::string& path);
 

@@ -9,10 +9,12 @@
 
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Log.h"
+#include "Platform/Session/URLSessionTask.h"
 
 namespace fs = std::filesystem;
 using vkq::platform::Bytes;
 using vkq::platform::URL;
+using vkq::platform::URLSessionDownloadTask;
 
 namespace {
 
@@ -46,6 +48,16 @@ void writeFileAtomically(const fs::path& path, const Bytes& bytes) {
     DDDebug("Failed to store resume data at", path.string());
     fs::remove(partial, ec);
   }
+}
+
+// Removes the partial file that `old` continues, unless `kept` continues the same one:
+// without its resume data nothing would use or remove it. Only files in the
+// transport's own folder are ever named.
+void removeSupersededPartialFile(const std::optional<Bytes>& old, const std::optional<Bytes>& kept) {
+  const auto partial = old ? URLSessionDownloadTask::partialFileOfResumeData(*old) : std::nullopt;
+  if (!partial || (kept && URLSessionDownloadTask::partialFileOfResumeData(*kept) == partial)) return;
+  std::error_code ec;
+  fs::remove(*partial, ec);
 }
 
 }  // namespace
@@ -97,7 +109,10 @@ std::optional<Bytes> VKQResumeDataStore::load(const std::string& downloadPath, c
 void VKQResumeDataStore::store(const std::string& downloadPath, const std::string& targetPath,
                                const Bytes& resumeData) {
   for (const std::string& name : {targetPath, downloadPath}) {
-    if (const auto file = fileForName(name)) writeFileAtomically(file->filePath(), resumeData);
+    if (const auto file = fileForName(name)) {
+      removeSupersededPartialFile(readFile(file), resumeData);
+      writeFileAtomically(file->filePath(), resumeData);
+    }
     if (targetPath == downloadPath) break;
   }
 }
@@ -113,4 +128,9 @@ void VKQResumeDataStore::remove(const std::string& downloadPath, const std::stri
     if (folderFile && ours && readFile(folderFile) == ours) fs::remove(folderFile->filePath(), ec);
   }
   fs::remove(targetFile->filePath(), ec);
+}
+
+void VKQResumeDataStore::discard(const std::string& downloadPath, const std::string& targetPath) {
+  removeSupersededPartialFile(readFile(fileForName(targetPath)), std::nullopt);
+  remove(downloadPath, targetPath);
 }

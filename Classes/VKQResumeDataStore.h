@@ -8,6 +8,10 @@
 // folder's name, and takes it only while both hold the same data, since the folder's
 // file may belong to another download into that folder.
 //
+// Resume data names a partial file in the transport's folder. Data that is replaced by
+// data for another partial file, or discarded, takes its partial file with it, so that
+// the folder does not fill up with files nothing refers to.
+//
 // Files are written beside their place and renamed, so a reader never sees half of
 // one. Stateless; safe from any thread (concurrent writers of one name: the last
 // rename wins).
@@ -36,5 +40,10 @@ class VKQResumeDataStore {
   static std::optional<vkq::platform::Bytes> load(const std::string& downloadPath, const std::string& targetPath);
   static void store(const std::string& downloadPath, const std::string& targetPath,
                     const vkq::platform::Bytes& resumeData);
+  // Removes the resume data of a download that completed (its partial file is now the
+  // download's file).
   static void remove(const std::string& downloadPath, const std::string& targetPath);
+  // Removes the resume data stored for `targetPath`, and its partial file: for a
+  // download that starts afresh.
+  static void discard(const std::string& downloadPath, const std::string& targetPath);
 };

@@ -29,10 +29,11 @@ constexpr long kDownloadBufferSize = 100 * 1024;
     setError(error, makeResumeDataRefusal(reason));
     return false;
   };
+  const fs::path file = resume.partialFilePath;
+  if (!DownloadTaskBody::isInPartialDownloadsFolder(file)) {
+    return refuse("the partial file is not in the partial downloads folder");
+  }
   std::error_code failure;
-  const fs::path file = fs::weakly_canonical(resume.partialFilePath, failure);
-  const fs::path folder = fs::weakly_canonical(HTTPSessionManager::partialDownloadsFolder(), failure);
-  if (failure || file.parent_path() != folder) return refuse("the partial file is not in the partial downloads folder");
   if (!fs::is_regular_file(file, failure)) return refuse("the partial file is missing");
   const auto size = fs::file_size(file, failure);
   if (failure || size != static_cast<std::uintmax_t>(resume.bytesReceived)) {

@@ -1,6 +1,7 @@
 #include "Platform/Session/URLSessionTask.h"
 
 #include "Platform/Transport/DownloadTaskBody.h"
+#include "Platform/Transport/ResumeData.h"
 #include "Platform/Transport/SessionTransfer.h"
 
 namespace vkq::platform {
@@ -58,10 +59,13 @@ URLSessionDataTask::URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer
 URLSessionDownloadTask::URLSessionDownloadTask(std::shared_ptr<SessionTransfer> transfer)
     : URLSessionTask(std::move(transfer)) {}
 
-void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std::optional<Bytes>)> handler) {
+DownloadTaskBody& URLSessionDownloadTask::body() const {
   // Download tasks are only ever made with a download body.
-  auto& body = static_cast<DownloadTaskBody&>(transfer()->sink());
-  if (!body.requestResumeData(handler)) {
+  return static_cast<DownloadTaskBody&>(transfer()->sink());
+}
+
+void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std::optional<Bytes>)> handler) {
+  if (!body().requestResumeData(handler)) {
     transfer()->postToCompletionQueue([handler = std::move(handler)] {
       try {
         if (handler) handler(std::nullopt);
@@ -71,6 +75,22 @@ void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std:
     });
   }
   cancel();
+}
+
+std::shared_future<std::optional<Bytes>> URLSessionDownloadTask::cancelByProducingResumeData() {
+  if (!body().requestResumeData(nullptr)) {
+    std::promise<std::optional<Bytes>> none;
+    none.set_value(std::nullopt);
+    return none.get_future().share();
+  }
+  cancel();
+  return body().endingResumeData();
+}
+
+std::optional<std::filesystem::path> URLSessionDownloadTask::partialFileOfResumeData(const Bytes& resumeData) {
+  const auto resume = ResumeData::decode(resumeData, nullptr);
+  if (!resume || !DownloadTaskBody::isInPartialDownloadsFolder(resume->partialFilePath)) return std::nullopt;
+  return resume->partialFilePath;
 }
 
 }  // namespace vkq::platform

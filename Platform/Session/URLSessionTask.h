@@ -13,7 +13,9 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 
@@ -24,6 +26,7 @@
 
 namespace vkq::platform {
 
+class DownloadTaskBody;
 class SessionTransfer;
 struct TaskRecord;
 
@@ -92,6 +95,21 @@ class URLSessionDownloadTask : public URLSessionTask {
   // completion handler, with resume data, or with absent when the download cannot be
   // resumed (no validator from the server, no bytes written, already completed).
   void cancelByProducingResumeData(std::function<void(std::optional<Bytes> resumeData)> handler);
+  // Cancels the task like the handler form; the future holds the same resume data (or
+  // absent) as soon as the transfer has stopped, before the completion queue hears of
+  // it, and is absent at once when the download had already ended. Waiting for it
+  // waits only for the manager's worker thread to stop the transfer (the worker runs no
+  // callbacks), so it may be done on any thread, in callbacks too; it ends also when
+  // the manager is gone.
+  std::shared_future<std::optional<Bytes>> cancelByProducingResumeData();
+
+  // The partial file that `resumeData` continues, when it is resume data of this
+  // transport and the file lies in HTTPSessionManager::partialDownloadsFolder(); absent
+  // otherwise. For removing the file of resume data that will not be used.
+  static std::optional<std::filesystem::path> partialFileOfResumeData(const Bytes& resumeData);
+
+ private:
+  DownloadTaskBody& body() const;
 };
 
 }  // namespace vkq::platform

@@ -75,11 +75,18 @@ URLRequest DownloadTaskBody::requestForResumeData(const ResumeData& resume) {
   return request;
 }
 
+bool DownloadTaskBody::isInPartialDownloadsFolder(const fs::path& file) {
+  std::error_code fileFailure, folderFailure;
+  const fs::path resolved = fs::weakly_canonical(file, fileFailure);
+  const fs::path folder = fs::weakly_canonical(HTTPSessionManager::partialDownloadsFolder(), folderFailure);
+  return !fileFailure && !folderFailure && resolved.parent_path() == folder;
+}
+
 bool DownloadTaskBody::requestResumeData(ResumeDataHandler handler) {
   std::lock_guard lock(mutex_);
   if (finished_) return false;
   wantsResumeData_ = true;
-  resumeHandler_ = std::move(handler);
+  if (handler) resumeHandler_ = std::move(handler);
   return true;
 }
 
@@ -194,24 +201,27 @@ ErrorPtr DownloadTaskBody::didFinish(ErrorPtr error, bool cancelled) {
     file_.reset();
     if (!closed && !error) error = fileError(kURLErrorCannotWriteToFile, "Cannot write the download file", failure);
   }
-  std::lock_guard lock(mutex_);
-  finished_ = true;
-  if (!error) return nullptr;
-  // A plain cancel() gives up the download; a failure or a cancel that asked for
-  // resume data keeps what is on disk when it can be continued.
-  if ((!cancelled || wantsResumeData_) && isResumable()) {
-    ResumeData resume;
-    resume.url = url_;
-    resume.headerFields.assign(headerFields_.begin(), headerFields_.end());
-    resume.timeoutInterval = timeoutInterval_;
-    resume.bytesReceived = written_;
-    resume.partialFilePath = path_.string();
-    resume.validator = validator_;
-    resumeData_ = resume.encoded();
-    return withResumeData(error, *resumeData_);
+  std::optional<Bytes> resumeData;
+  {
+    std::lock_guard lock(mutex_);
+    finished_ = true;
+    // A plain cancel() gives up the download; a failure or a cancel that asked for
+    // resume data keeps what is on disk when it can be continued.
+    if (error && (!cancelled || wantsResumeData_) && isResumable()) {
+      ResumeData resume;
+      resume.url = url_;
+      resume.headerFields.assign(headerFields_.begin(), headerFields_.end());
+      resume.timeoutInterval = timeoutInterval_;
+      resume.bytesReceived = written_;
+      resume.partialFilePath = path_.string();
+      resume.validator = validator_;
+      resumeData_ = resumeData = resume.encoded();
+    }
   }
-  removeFile();
-  return error;
+  // On success the file stays for settle() to move.
+  if (error && !resumeData) removeFile();
+  ending_.set_value(resumeData);
+  return resumeData ? withResumeData(error, std::move(*resumeData)) : error;
 }
 
 bool DownloadTaskBody::moveFile(const fs::path& target, ErrorPtr& error) {

@@ -10,11 +10,13 @@
 //   for a restart when the answer cannot be appended (416, or a 206 from elsewhere),
 //   and otherwise (the whole entity, or an error answer) starts the file over;
 // - shouldRestart() then starts the file over with a plain request, once;
-// - didFinish() closes the file and keeps it as resume data, or removes it.
+// - didFinish() closes the file and keeps it as resume data, or removes it, and hands
+//   the resume data (or absent) to endingResumeData() at once, on the worker thread.
 #pragma once
 
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -46,10 +48,17 @@ class DownloadTaskBody final : public BodySink {
   // The request that continues `resume`.
   static URLRequest requestForResumeData(const ResumeData& resume);
 
-  // Any thread: keep the partial file when the download is cancelled and hand its
-  // resume data (or absent) to `handler` before the completion handler. False when
-  // the download has already ended.
+  // Whether `file` lies directly in the partial downloads folder (links and dot
+  // segments resolved): the only files resume data may make the transport touch.
+  static bool isInPartialDownloadsFolder(const std::filesystem::path& file);
+
+  // Any thread: keep the partial file when the download is cancelled and, when
+  // `handler` is not empty, hand its resume data (or absent) to it before the
+  // completion handler. False when the download has already ended.
   bool requestResumeData(ResumeDataHandler handler);
+  // The resume data the download ends with (absent: none), ready once didFinish() has
+  // run, before the completion queue hears of the end.
+  std::shared_future<std::optional<Bytes>> endingResumeData() const { return endingResumeData_; }
 
   ErrorPtr willSend(SharedRequest& request) override;
   ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;
@@ -95,6 +104,10 @@ class DownloadTaskBody final : public BodySink {
   bool wantsResumeData_ = false;     // guarded by mutex_
   ResumeDataHandler resumeHandler_;  // guarded by mutex_
   std::optional<Bytes> resumeData_;  // guarded by mutex_
+
+  // Set by didFinish().
+  std::promise<std::optional<Bytes>> ending_;
+  const std::shared_future<std::optional<Bytes>> endingResumeData_ = ending_.get_future().share();
 
   // Completion queue.
   std::optional<URL> filePath_;

@@ -68,13 +68,14 @@ std::string SessionTransfer::failingURL() const {
 
 void SessionTransfer::resume() {
   const auto engine = engine_.lock();  // released after the record's lock
-  std::lock_guard lock(record_.mutex);
+  std::unique_lock lock(record_.mutex);
   if (record_.state() != URLSessionTaskState::Suspended) return;
   if (!engine) {
-    // A task on the worker is ended by the engine's shutdown; one never handed over ends here.
+    // A task on the worker is ended by the engine's shutdown; one never handed over is
+    // cancelled here, so that its body finishes too.
     if (!record_.started) {
-      record_.moveTo(URLSessionTaskState::Completed);
-      record_.error = makeTransportError(kURLErrorCancelled, "cancelled", failingURL());
+      lock.unlock();
+      cancel();
     }
     return;
   }

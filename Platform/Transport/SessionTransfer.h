@@ -7,11 +7,11 @@
 // SessionTransfer changes it, always through TaskRecord::moveTo(), which allows only
 // these moves:
 //   Suspended --resume()--> Running --(exchange ends)--> Completed
-//   Suspended --cancel()--> Canceling --(queued at once)--> Completed
+//   Suspended --cancel(), or resume() after the manager went--> Canceling --(queued at once)--> Completed
 //   Running   --cancel()--> Canceling --(worker stops it)--> Completed
 //   Running  --suspend()--> Suspended (paused on the worker) --resume()--> Running
-//   Suspended --(exchange ends before the pause reached the worker, the manager goes
-//               away, or resume() after it went)--> Completed
+//   Suspended --(exchange ends before the pause reached the worker, or the manager goes
+//               away)--> Completed
 // A task paused on the worker is cancelled as a running one.
 #pragma once
 

@@ -1,10 +1,13 @@
 // Resumable downloads through the agent: where the file lands, resume data stored under
 // the right names when a download fails or is cancelled and taken up by the next
-// download, resume data that is not offered or refused, and the folder guard. (How the
-// transport continues a download is tested with the transport.)
+// download (also one started right after the cancel), resume data that is not offered,
+// refused or replaced and its partial file, and the folder guard. (How the transport
+// continues a download is tested with the transport.)
 #include <atomic>
+#include <future>
 
 #include "Tests/Classes/AgentTestSupport.h"
+#include "Tests/Platform/Transport/TransportTesting.h"
 
 namespace {
 
@@ -25,9 +28,11 @@ class VKQNetworkAgentDownload : public vkq::testing::AgentTest {
   std::shared_ptr<vkq::testing::Calls> download(const std::string& name, const std::string& target) {
     request = VKQVesk::initWithDownloadURL(server.url("/files/" + name), target, nullptr);
     auto calls = vkq::testing::attach(*request);
-    request->downloadtWithSuccess(
-        request->successResultBlock(), [this](const vkq::platform::Progress& p) { received = p.completedUnitCount; },
-        request->failureResultBlock());
+    auto progress = [this, hold = progressHold](const vkq::platform::Progress& p) {
+      received = p.completedUnitCount;
+      EXPECT_TRUE(!hold.valid() || hold.wait_for(std::chrono::seconds(20)) == std::future_status::ready);
+    };
+    request->downloadtWithSuccess(request->successResultBlock(), progress, request->failureResultBlock());
     return calls;
   }
   // The code the download delivered (1 when it did not hear back).
@@ -45,6 +50,7 @@ class VKQNetworkAgentDownload : public vkq::testing::AgentTest {
   vkq::testing::ScratchFolder folder;
   std::shared_ptr<VKQVesk> request;
   std::atomic<std::int64_t> received = 0;
+  std::shared_future<void> progressHold;  // when valid, progress callbacks wait for it (bounded)
 };
 
 TEST_F(VKQNetworkAgentDownload, AnInterruptedDownloadLeavesResumeDataUnderItsNamesAndTheNextOneContinues) {
@@ -70,36 +76,47 @@ TEST_F(VKQNetworkAgentDownload, AnInterruptedDownloadLeavesResumeDataUnderItsNam
   }
 }
 
-TEST_F(VKQNetworkAgentDownload, ACancelledDownloadIsSilentAndResumesLater) {
+TEST_F(VKQNetworkAgentDownload, ACancelledDownloadStartedAgainAtOnceContinuesWhereItStopped) {
   const std::string content = vkq::testing::patternBytes(1'000'000, 5), target = folder / "big.bin";
   serve("big.bin", content, FileOptions().slow(std::chrono::milliseconds(40)));
-  vkq::testing::LogCapture log;
-  auto calls = download("big.bin", target);
+  // The completion queue is held up in a progress callback while the test cancels and
+  // starts again: the resume data must not wait for it.
+  std::promise<void> restarted;
+  progressHold = restarted.get_future().share();
+  download("big.bin", target);
   ASSERT_TRUE(runUntil([&] { return received > 0; }));
   agent().cancelRequest(request);
-  ASSERT_TRUE(runUntil([&] { return hasResumeData(target) && log.count("request has cancel") == 1; }));
-  EXPECT_TRUE(calls->order.empty());
-
-  serve("big.bin", content);
-  EXPECT_EQ(downloadToEnd("big.bin", target), VKQResponseCodeSuccess);
-  EXPECT_EQ(lastRange().value_or("").rfind("bytes=", 0), 0u);
+  auto again = download("big.bin", target);
+  restarted.set_value();
+  ASSERT_TRUE(runUntil([&] { return again->outcomes() == 1; }));
+  EXPECT_EQ(again->lastCode(), VKQResponseCodeSuccess);
+  EXPECT_GT(std::stoll(lastRange().value_or("bytes=0-").substr(6)), 0) << lastRange().value_or("no Range");
   EXPECT_EQ(readFile(target), content);
+  EXPECT_TRUE(vkq::testing::partialFiles().empty());  // the first attempt's file became the download's
 }
 
-TEST_F(VKQNetworkAgentDownload, ResumeDataThatIsNoPropertyListOrRefusedGivesAFreshDownload) {
-  const std::string target = folder / "out.bin";
-  serve("a.bin", "fresh");
-  // Only a property list is offered to the transport, which refuses one that is no
-  // resume data of its own.
-  const std::pair<std::string, std::size_t> table[] = {
-      {"<plist", 0}, {R"(<?xml version="1.0"?><plist version="1.0"><dict><key>k</key><true/></dict></plist>)", 1}};
-  for (const auto& [resumeData, refusals] : table) {
-    writeFile(agent().incompleteDownloadTempPathForDownloadPath(target)->filePath(), resumeData);
+// Resume data that is no property list is not offered, and resume data the transport
+// refuses is logged; either way the download starts afresh. The partial file of resume
+// data that is refused, or replaced by resume data for another file, goes.
+TEST_F(VKQNetworkAgentDownload, ResumeDataThatIsReplacedOrRefusedTakesItsPartialFileAlong) {
+  const fs::path inbox = folder / "inbox", target = inbox / "b.zip";
+  fs::create_directory(inbox);
+  const std::string content = vkq::testing::patternBytes(400'000, 3);
+  // b.zip's resume data replaces a.zip's under the folder's name, which a.zip needs.
+  for (const char* name : {"a.zip", "b.zip"}) {
+    serve(name, content, FileOptions().dropAfter(150'000));
+    EXPECT_EQ(downloadToEnd(name, inbox), VKQResponseCodeHTTPError);
+  }
+  ASSERT_EQ(vkq::testing::partialFiles().size(), 1u);
+  // Longer than its resume data says: refused.
+  std::ofstream(vkq::testing::partialFiles()[0], std::ios::app) << "x";
+  serve("b.zip", content);
+  for (const std::size_t refusals : {1u, 0u}) {
     vkq::testing::LogCapture log;
-    EXPECT_EQ(downloadToEnd("a.bin", target), VKQResponseCodeSuccess);
-    EXPECT_EQ(log.count("Resume download failed, reason = "), refusals) << resumeData;
-    EXPECT_FALSE(lastRange().has_value());
-    EXPECT_EQ(readFile(target), "fresh");
+    EXPECT_EQ(downloadToEnd("b.zip", target), VKQResponseCodeSuccess);
+    EXPECT_EQ(log.count("Resume download failed, reason = "), refusals);
+    EXPECT_FALSE(lastRange().has_value() || !vkq::testing::partialFiles().empty());
+    writeFile(agent().incompleteDownloadTempPathForDownloadPath(target.string())->filePath(), "<plist");
   }
 }
 

@@ -17,12 +17,6 @@ using platform::Bytes;
 using platform::HTTPSessionManager;
 using DownloadTask = std::shared_ptr<platform::URLSessionDownloadTask>;
 
-std::size_t partialFileCount() {
-  std::error_code ignored;
-  const fs::directory_iterator files(HTTPSessionManager::partialDownloadsFolder(), ignored);
-  return static_cast<std::size_t>(std::distance(files, fs::directory_iterator()));
-}
-
 class DownloadTaskTest : public ::testing::Test {
  protected:
   // Runs a download to its end and returns its outcome; every download lands at `target`.
@@ -103,7 +97,7 @@ TEST_F(DownloadTaskTest, ResumedDownloadEndsWithTheServersCurrentEntityByteExact
     EXPECT_EQ(requests[before].header("If-Range"), validator ? "\"v1\"" : date);
     EXPECT_EQ(requests[before].header("X-Client"), "1");
     EXPECT_FALSE(exchanges > 1 && requests.back().header("Range").has_value());  // a restart asks for all
-    EXPECT_EQ(partialFileCount(), 0u);  // the partial file was moved to the target
+    EXPECT_TRUE(partialFiles().empty());  // the partial file was moved to the target
   }
 }
 
@@ -113,7 +107,7 @@ TEST_F(DownloadTaskTest, ResumeDataIsMadeAndAcceptedOnlyWhereTheDownloadCanConti
   EXPECT_TRUE(interruptedDownload(patternBytes(1 << 20), FileOptions(), 300000).empty());
   server.answer("/missing", ScriptedAnswer(404, "no such file"));
   EXPECT_EQ(codeOf(download(fresh("/missing")).error), platform::kURLErrorBadServerResponse);
-  EXPECT_EQ(partialFileCount(), 0u);
+  EXPECT_TRUE(partialFiles().empty());
   const Bytes good = interruptedDownload(patternBytes(1 << 20), FileOptions().withETag("\"v1\""), 256 << 10);
   const platform::ResumeData decoded = platform::ResumeData::decode(good, nullptr).value();
   const auto changed = [&decoded](auto change) {
@@ -137,6 +131,7 @@ TEST_F(DownloadTaskTest, ResumeDataIsMadeAndAcceptedOnlyWhereTheDownloadCanConti
     EXPECT_EQ(codeOf(refusal), platform::kURLErrorCannotDecodeRawData) << label;
   }
   EXPECT_NE(resumed(good), nullptr);
+  EXPECT_FALSE(platform::URLSessionDownloadTask::partialFileOfResumeData(refused[1].second).has_value());
 }
 
 // A plain cancel gives the download up; cancelling by producing resume data keeps it to
@@ -154,18 +149,21 @@ TEST_F(DownloadTaskTest, CancelGivesUpButCancelByProducingResumeDataContinuesAnd
   started()->cancel();
   ASSERT_TRUE(outcomes.waitFor(1));
   EXPECT_FALSE(outcomes.all()[0].error->userInfo().resumeData.has_value());
-  EXPECT_EQ(partialFileCount(), 0u);
+  EXPECT_TRUE(partialFiles().empty());
 
   Outcomes<std::optional<Bytes>> produced;
   std::atomic<bool> completionSeenFirst{false};
-  started()->cancelByProducingResumeData([&](std::optional<Bytes> data) {
+  const DownloadTask cancelled = started();
+  cancelled->cancelByProducingResumeData([&](std::optional<Bytes> data) {
     completionSeenFirst = outcomes.all().size() > 1;
     produced.add(std::move(data));
   });
+  // Asked again, for the data as soon as the transfer stops: the handler stays.
+  const std::optional<Bytes> ending = cancelled->cancelByProducingResumeData().get();
   ASSERT_TRUE(outcomes.waitFor(2));
   EXPECT_FALSE(completionSeenFirst);
   EXPECT_EQ(codeOf(outcomes.all()[1].error), platform::kURLErrorCancelled);
-  ASSERT_TRUE(produced.all().at(0).has_value());
+  ASSERT_TRUE(ending.has_value() && ending == produced.all().at(0));
 
   server.serveFile("/slow", source, FileOptions().withETag("\"v1\""));
   Outcomes<platform::Progress> progress;
@@ -177,8 +175,12 @@ TEST_F(DownloadTaskTest, CancelGivesUpButCancelByProducingResumeDataContinuesAnd
   EXPECT_EQ(progress.all().back(), (platform::Progress{2 << 20, 2 << 20}));
   continued->cancelByProducingResumeData(produced.collector());  // already finished: nothing to resume
   ASSERT_TRUE(produced.waitFor(2));
-  EXPECT_FALSE(produced.all()[1].has_value());
+  EXPECT_FALSE(produced.all()[1].has_value() || continued->cancelByProducingResumeData().get().has_value());
   EXPECT_EQ(outcomes.all().size(), 3u);
+  const DownloadTask orphan = fresh("/slow");  // resumed after its manager went: finished at once
+  manager.reset();
+  orphan->resume();
+  EXPECT_EQ(orphan->cancelByProducingResumeData().wait_for(20s), std::future_status::ready);
 }
 
 }  // namespace

@@ -1,11 +1,12 @@
 // Helpers shared by the transport tests: outcome collectors and waits with a time
-// limit, a task runner and a request maker.
+// limit, a task runner, a request maker and the partial download files.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -79,6 +80,13 @@ inline platform::URLRequest makeRequest(const std::string& url, double timeout =
   request.url = platform::URL::URLWithString(url);
   request.timeoutInterval = timeout;
   return request;
+}
+
+// The files in the transport's partial downloads folder (none when there is no folder).
+inline std::vector<std::filesystem::path> partialFiles() {
+  std::error_code ignored;
+  const std::filesystem::directory_iterator files(platform::HTTPSessionManager::partialDownloadsFolder(), ignored);
+  return {begin(files), end(files)};
 }
 
 // Runs one data task to its end and returns its outcome.

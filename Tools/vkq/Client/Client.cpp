@@ -1,7 +1,6 @@
 #include "Tools/vkq/Client/Client.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -9,11 +8,8 @@
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <thread>
 
-#include "Classes/VKQNetworkAgent.h"
 #include "Classes/VKQVeskResult.h"
-#include "Platform/Session/URLSessionTask.h"
 #include "Tools/vkq/Client/Exchange.h"
 #include "Tools/vkq/Client/ProgressBar.h"
 #include "Tools/vkq/Client/ToolVesk.h"
@@ -59,33 +55,6 @@ void applyFrameSettings(VKQVesk& vesk, const VKQKXPFrameSettings& frame) {
       ->compressPromise()(frame.compress)
       ->xorkeyPromise()(frame.xorKey);
   if (frame.nonProtocol) vesk.nonProtocolPromise()();
-}
-
-// The time the file was last written; absent when it does not exist.
-std::optional<std::filesystem::file_time_type> lastWritten(const std::optional<vkq::platform::URL>& file) {
-  std::error_code error;
-  if (!file) return std::nullopt;
-  const auto time = std::filesystem::last_write_time(file->filePath(), error);
-  return error ? std::nullopt : std::optional(time);
-}
-
-// The agent stores a cancelled download's resume data on the transport's completion
-// queue, after the task has completed: wait for the file to be (re)written, so that the
-// next run resumes. Bounded, because a download the server gave no validator for
-// cannot be resumed and leaves no resume data.
-void awaitResumeData(const VKQVeskRequest& request, const std::optional<vkq::platform::URL>& resumeFile,
-                     const std::optional<std::filesystem::file_time_type>& before) {
-  using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + std::chrono::seconds(3);
-  std::optional<Clock::time_point> completedAt;
-  while (Clock::now() < deadline && lastWritten(resumeFile) == before) {
-    const auto& task = request.requestTask();
-    if (!completedAt && (!task || task->state() == vkq::platform::URLSessionTaskState::Completed)) {
-      completedAt = Clock::now();
-    }
-    if (completedAt && Clock::now() - *completedAt > std::chrono::milliseconds(250)) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
 }
 
 // The first line of a text answer that failed validation (an error status), which is
@@ -193,9 +162,6 @@ int Client::run(const DownloadCommand& command) const {
   vesk->setUrl(command.url);
   vesk->setTimeoutInterval(command.timeout);
 
-  const auto resumeFile = VKQNetworkAgent::sharedAgent().incompleteDownloadTempPathForDownloadPath(path.string());
-  const auto resumeFileWritten = lastWritten(resumeFile);
-
   // Shared with the transport's threads, which may report progress until they stop.
   auto bar = std::make_shared<ProgressBar>(stderr);
   const auto result = runExchange(
@@ -206,7 +172,6 @@ int Client::run(const DownloadCommand& command) const {
       },
       interrupted_);
   bar->finish();
-  if (!result) awaitResumeData(*vesk, resumeFile, resumeFileWritten);
   const int status = conclude(result, *vesk);
   if (status == kExitSuccess) {
     const std::string saved = result->data().isURL() ? result->data().url().filePath() : path.string();

@@ -5,7 +5,8 @@
 // the calling thread is the one that drains it; the request's callbacks then run here.
 // When `interrupted` becomes true (set by a signal watcher, which also posts a job to
 // the main queue to wake the wait), the request is cancelled through the agent, which
-// keeps a download's resume data, and no result is delivered.
+// has stored a download's resume data when the cancel returns, and no result is
+// delivered.
 #pragma once
 
 #include <atomic>
