@@ -41,14 +41,19 @@ bool HandoffBatch::isOpen() { return batch.depth > 0; }
 
 HandoffBatch::~HandoffBatch() {
   if (--batch.depth > 0) return;
-  for (const std::shared_ptr<Waker>& waker : batch.pending) {
+  // A wake-up may run a batch of its own on this thread (a dispatcher that drains the
+  // main queue at once), which fills `pending` anew: take the list first.
+  std::vector<std::shared_ptr<Waker>> waking;
+  waking.swap(batch.pending);
+  for (const std::shared_ptr<Waker>& waker : waking) {
     try {
       waker->wakeNow();
     } catch (...) {
       // A receiver that cannot be woken now notices its work on its next round.
     }
   }
-  batch.pending.clear();
+  waking.clear();
+  if (batch.pending.empty()) batch.pending.swap(waking);  // keeps the room for the next batch
 }
 
 }  // namespace vkq::platform
