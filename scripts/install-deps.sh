@@ -7,7 +7,7 @@ packages=(
   make cmake g++ pkg-config
   clang libclang-rt-14-dev
   libcurl4-openssl-dev libssl-dev zlib1g-dev libdeflate-dev
-  libplist-dev nlohmann-json3-dev libcpp-httplib-dev
+  libplist-dev nlohmann-json3-dev libcpp-httplib-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   curl ca-certificates
 )

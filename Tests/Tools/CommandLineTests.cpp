@@ -6,7 +6,6 @@
 #include <tuple>
 #include <vector>
 
-#include "Tools/vkq/CommandLine/ArgumentParser.h"
 #include "Tools/vkq/CommandLine/CommandLine.h"
 
 namespace vkq::tool {
@@ -16,42 +15,19 @@ using ::testing::HasSubstr;
 
 Invocation parseLine(std::vector<std::string> arguments) { return parseCommandLine(arguments); }
 
-// What a parser of "--timeout VALUE", the repeatable "--header VALUE" and the switch
-// "--verbose" makes of `arguments`: "positionals; --name=value ..." or the UsageError.
-std::string parsed(std::vector<std::string> arguments) {
-  static const ArgumentParser parser({{"--timeout", true}, {"--header", true, true}, {"--verbose"}});
-  try {
-    const ParsedArguments result = parser.parse(arguments);
-    std::string text;
-    for (const std::string& positional : result.positionals()) text += positional + " ";
-    text += ";";
-    for (const char* name : {"--timeout", "--header", "--verbose"})
-      for (const std::string& value : result.values(name)) text += std::string(" ") + name + "=" + value;
-    return text;
-  } catch (const UsageError& error) {
-    return error.what();
-  }
+TEST(CommandLine, FollowsTheOptionRules) {
+  // Both spellings, options among positionals, a repeatable option in order, "-" as a
+  // value, and everything after "--" positional.
+  const auto download = std::get<DownloadCommand>(parseLine({"download", "--timeout=5", "u", "--", "-p"}).command);
+  EXPECT_EQ(std::tuple(download.url, download.path, download.timeout), std::tuple("u", "-p", 5.0));
+  const auto kxp = std::get<KXPCommand>(
+      parseLine({"kxp", "--header=A: b", "u", "--data-file", "-", "--header", "C: d"}).command);
+  EXPECT_THAT(kxp.headers, ::testing::ElementsAre(std::pair<std::string, std::string>("A", "b"),
+                                                  std::pair<std::string, std::string>("C", "d")));
+  EXPECT_EQ(kxp.dataFile, "-");
 }
 
-TEST(ArgumentParser, FollowsTheOptionRules) {
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      // Both spellings, options among positionals, a repeatable option in order.
-      {{"url", "--timeout", "5", "path", "--header=A: b", "--header", "C: d", "--verbose"},
-       "url path ; --timeout=5 --header=A: b --header=C: d --verbose="},
-      // "-" names standard input; everything after "--" is positional.
-      {{"-", "--", "--timeout", "-x"}, "- --timeout -x ;"},
-      // A value is the next argument whatever it looks like, or may be empty.
-      {{"--timeout", "--verbose", "--header="}, "; --timeout=--verbose --header="},
-      {{"--bogus"}, "unknown option --bogus"},
-      {{"-t"}, "unknown option -t"},
-      {{"--timeout"}, "--timeout needs a value"},
-      {{"--verbose=yes"}, "--verbose takes no value"},
-      {{"--timeout", "1", "--timeout", "2"}, "--timeout given twice"},
-  };
-  for (const auto& [arguments, expected] : cases) EXPECT_EQ(parsed(arguments), expected);
-}
-
-TEST(ArgumentParser, NumbersAreDecimalOrHexWithinTheirRange) {
+TEST(CommandLine, NumbersAreDecimalOrHexWithinTheirRange) {
   constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
   const struct {
     const char* text;
@@ -96,14 +72,17 @@ TEST(CommandLine, MistakesNameTheProblemAndShowTheUsageButHelpWinsOverThem) {
       {{}, "missing subcommand"},
       {{"fetch"}, "unknown subcommand \"fetch\""},
       {{"kxp", "u"}, "exactly one of --data and --data-file"},
-      {{"kxp", "--data", "a"}, "expected URL, got 0"},
+      {{"kxp", "--data", "a"}, "URL is required"},
+      {{"kxp", "u", "--data", "a", "--bogus"}, "not expected: --bogus"},
+      {{"kxp", "u", "--data", "a", "--header", "A: b", "extra"}, "not expected: extra"},
+      {{"kxp", "u", "--data", "a", "--timeout", "1", "--timeout", "2"}, "--timeout"},
       {{"kxp", "u", "--data", "a", "--xor-key", "256"}, "--xor-key must be a number from 0 to 255"},
       {{"kxp", "u", "--data", "a", "--release-version", "0x100000000"}, "--release-version"},
       {{"kxp", "u", "--data", "a", "--header", ": no name"}, "Name: value"},
       {{"json", "u", "--method", "TRACE"}, "--method must be"},
       {{"json", "u", "--arg", "{oops"}, "--arg is not valid JSON"},
       {{"json", "u", "--user", "me"}, "--user and --password go together"},
-      {{"download", "u"}, "expected URL and PATH"},
+      {{"download", "u"}, "PATH is required"},
       {{"serve", "--port", "65536"}, "--port must be a number from 0 to 65535"},
   };
   for (const auto& [arguments, message] : cases) {

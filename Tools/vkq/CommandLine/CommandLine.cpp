@@ -1,9 +1,13 @@
 #include "Tools/vkq/CommandLine/CommandLine.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <deque>
 #include <limits>
+#include <map>
 
 #include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/VKQVesk.h"
@@ -11,71 +15,67 @@
 namespace vkq::tool {
 namespace {
 
-constexpr const char* kKXPUsage =
-    "usage: vkq kxp URL (--data TEXT | --data-file FILE) [options]\n"
-    "  Sends one KXP request and prints the answer's payload.\n"
-    "  --data TEXT            the payload\n"
-    "  --data-file FILE       the payload from FILE (\"-\": standard input)\n"
-    "  --output FILE          write the payload to FILE instead of standard output\n"
-    "  --header \"Name: value\" an extra header field (repeatable)\n"
-    "  --timeout SECONDS      time-out of the request (default 60)\n"
-    "  frame settings (numbers in decimal or 0x-hex; defaults as the library's):\n"
-    "  --xor-key N            mask key 0-255 (0: no mask)\n"
-    "  --version N            protocol version 0-255 (0: no version byte)\n"
-    "  --begin-marker N       begin marker 0-65535 (0: none; default 0x2018)\n"
-    "  --no-compress          send the payload uncompressed\n"
-    "  --no-os-type           leave out the OS-type byte\n"
-    "  --package-name S       add the CRC-32 of the package name\n"
-    "  --release-version N    add the CRC-32 of the release version when > 0\n"
-    "  --non-protocol         send and receive raw bytes, no frame\n"
-    "  --verbose              show the library's debug log on standard error\n";
+constexpr const char* kFrameGroup = "Frame settings (numbers in decimal or 0x-hex; defaults as the library's)";
 
-constexpr const char* kJSONUsage =
-    "usage: vkq json URL [options]\n"
-    "  Sends one JSON request and prints the decoded answer.\n"
-    "  --method M             GET (default), POST, HEAD, PUT, DELETE or PATCH\n"
-    "  --arg JSON             the argument: the body, or the query of GET/HEAD/DELETE\n"
-    "  --header \"Name: value\" an extra header field (repeatable)\n"
-    "  --user U --password P  basic authorization\n"
-    "  --timeout SECONDS      time-out of the request (default 60)\n"
-    "  --verbose              show the library's debug log on standard error\n";
+constexpr const char* kExitStatus =
+    "Exit status: 0 on success; 1 network, 2 http, 3 protocol, 4 server error;\n"
+    "64 bad arguments; 130 interrupted.";
 
-constexpr const char* kDownloadUsage =
-    "usage: vkq download URL PATH [options]\n"
-    "  Downloads URL to PATH (a file, or an existing folder). An interrupted download\n"
-    "  (Ctrl-C) resumes when the same PATH is downloaded again.\n"
-    "  --timeout SECONDS      time-out of the request (default 60)\n"
-    "  --verbose              show the library's debug log on standard error\n";
+// One subcommand's options and positional arguments as the user gave them, as texts by
+// name ("--timeout", "URL"). CLI11 finds them; they are converted and checked after
+// parsing, so that every number follows the rules of Numbers.h.
+class GivenOptions {
+ public:
+  explicit GivenOptions(CLI::App& app) : app_(app) {}
 
-constexpr const char* kServeUsage =
-    "usage: vkq serve [options]\n"
-    "  Runs the reference server on 127.0.0.1 until Ctrl-C:\n"
-    "    POST /kxp/echo        answers the request frame's payload in a response frame\n"
-    "    GET|POST|... /json/echo  answers the query or the JSON body as JSON\n"
-    "    GET /files/PATH       files under --root, with Range, ETag and Last-Modified\n"
-    "  --port N               port to listen on (default 0: any free port)\n"
-    "  --root DIR             folder whose files are served\n"
-    "  --rate-limit N         send files at N bytes per second at most\n"
-    "  frame settings as for `vkq kxp` (--xor-key, --version, --begin-marker,\n"
-    "  --no-compress, --no-os-type, --package-name, --release-version, --non-protocol)\n"
-    "  --verbose              show the library's debug log on standard error\n";
+  // A positional argument the subcommand needs.
+  void positional(const std::string& name, const std::string& help) {
+    app_.add_option(name, texts_[name], help)->required()->type_name("");
+  }
+  // An option that takes a value, given at most once.
+  void option(const std::string& name, const std::string& valueName, const std::string& help,
+              const std::string& group = "Options") {
+    app_.add_option(name, texts_[name], help)->type_name(valueName)->group(group);
+  }
+  // An option that may be given many times; its values in command-line order.
+  void repeatable(const std::string& name, const std::string& valueName, const std::string& help) {
+    app_.add_option(name, lists_[name], help)->type_name(valueName)->allow_extra_args(false);
+  }
+  void flag(const std::string& name, const std::string& help, const std::string& group = "Options") {
+    app_.add_flag(name, help)->group(group);
+  }
 
-std::string withUsage(const std::string& message, const char* usage) { return message + "\n\n" + usage; }
+  bool has(const std::string& name) const { return app_.count(name) > 0; }
+  std::optional<std::string> value(const std::string& name) const {
+    if (!has(name)) return std::nullopt;
+    return texts_.at(name);
+  }
+  const std::vector<std::string>& values(const std::string& name) const { return lists_.at(name); }
+  const CLI::App& app() const { return app_; }
 
-std::vector<OptionSpec> withCommonOptions(std::vector<OptionSpec> options) {
-  options.push_back({"--help"});
-  options.push_back({"--verbose"});
-  return options;
+ private:
+  CLI::App& app_;
+  std::map<std::string, std::string> texts_;
+  std::map<std::string, std::vector<std::string>> lists_;
+};
+
+void declareFrameOptions(GivenOptions& options) {
+  options.option("--xor-key", "N", "mask key 0-255 (0: no mask)", kFrameGroup);
+  options.option("--version", "N", "protocol version 0-255 (0: no version byte)", kFrameGroup);
+  options.option("--begin-marker", "N", "begin marker 0-65535 (0: none; default 0x2018)", kFrameGroup);
+  options.flag("--no-compress", "send the payload uncompressed", kFrameGroup);
+  options.flag("--no-os-type", "leave out the OS-type byte", kFrameGroup);
+  options.option("--package-name", "S", "add the CRC-32 of the package name", kFrameGroup);
+  options.option("--release-version", "N", "add the CRC-32 of the release version when > 0", kFrameGroup);
+  options.flag("--non-protocol", "send and receive raw bytes, no frame", kFrameGroup);
 }
 
-std::vector<OptionSpec> frameOptions() {
-  return {{"--xor-key", true},     {"--version", true},         {"--begin-marker", true},
-          {"--no-compress"},       {"--no-os-type"},            {"--package-name", true},
-          {"--release-version", true}, {"--non-protocol"}};
+void declareTimeout(GivenOptions& options) {
+  options.option("--timeout", "SECONDS", "time-out of the request (default 60)");
 }
 
 // The settings of a KXP request with the library's defaults, changed by the options.
-VKQKXPFrameSettings parseFrameSettings(const ParsedArguments& parsed) {
+VKQKXPFrameSettings parseFrameSettings(const GivenOptions& parsed) {
   auto defaults = std::make_shared<VKQVesk>();
   defaults->defultValue();
   VKQKXPFrameSettings frame = VKQKXPFrameSettingsOf(*defaults);
@@ -98,7 +98,7 @@ VKQKXPFrameSettings parseFrameSettings(const ParsedArguments& parsed) {
   return frame;
 }
 
-HeaderFields parseHeaders(const ParsedArguments& parsed) {
+HeaderFields parseHeaders(const GivenOptions& parsed) {
   HeaderFields headers;
   for (const std::string& field : parsed.values("--header")) {
     const auto colon = field.find(':');
@@ -112,24 +112,14 @@ HeaderFields parseHeaders(const ParsedArguments& parsed) {
   return headers;
 }
 
-std::optional<double> parseTimeout(const ParsedArguments& parsed) {
+std::optional<double> parseTimeout(const GivenOptions& parsed) {
   if (auto timeout = parsed.value("--timeout")) return parseSeconds(*timeout, "--timeout");
   return std::nullopt;
 }
 
-// The positional arguments, exactly `count` of them, named in `names` for the message.
-const std::vector<std::string>& requirePositionals(const ParsedArguments& parsed, std::size_t count,
-                                                   const char* names) {
-  if (parsed.positionals().size() != count) {
-    throw UsageError(std::string("expected ") + names + ", got " + std::to_string(parsed.positionals().size()) +
-                     " argument(s)");
-  }
-  return parsed.positionals();
-}
-
-KXPCommand parseKXP(const ParsedArguments& parsed) {
+KXPCommand parseKXP(const GivenOptions& parsed) {
   KXPCommand command;
-  command.url = requirePositionals(parsed, 1, "URL")[0];
+  command.url = *parsed.value("URL");
   command.dataText = parsed.value("--data");
   command.dataFile = parsed.value("--data-file");
   if (command.dataText.has_value() == command.dataFile.has_value()) {
@@ -159,9 +149,9 @@ VKQRequestMethod parseMethod(const std::string& text) {
   throw UsageError("--method must be GET, POST, HEAD, PUT, DELETE or PATCH, not \"" + text + "\"");
 }
 
-JSONCommand parseJSON(const ParsedArguments& parsed) {
+JSONCommand parseJSON(const GivenOptions& parsed) {
   JSONCommand command;
-  command.url = requirePositionals(parsed, 1, "URL")[0];
+  command.url = *parsed.value("URL");
   if (auto method = parsed.value("--method")) command.method = parseMethod(*method);
   if (auto argument = parsed.value("--arg")) {
     auto json = vkq::platform::JSON::parse(*argument, nullptr, /*allow_exceptions=*/false);
@@ -177,13 +167,11 @@ JSONCommand parseJSON(const ParsedArguments& parsed) {
   return command;
 }
 
-DownloadCommand parseDownload(const ParsedArguments& parsed) {
-  const auto& positionals = requirePositionals(parsed, 2, "URL and PATH");
-  return DownloadCommand{positionals[0], positionals[1], parseTimeout(parsed)};
+DownloadCommand parseDownload(const GivenOptions& parsed) {
+  return DownloadCommand{*parsed.value("URL"), *parsed.value("PATH"), parseTimeout(parsed)};
 }
 
-ServeCommand parseServe(const ParsedArguments& parsed) {
-  requirePositionals(parsed, 0, "no arguments");
+ServeCommand parseServe(const GivenOptions& parsed) {
   ServeCommand command;
   if (auto port = parsed.value("--port")) command.port = parseInteger<std::uint16_t>(*port, "--port");
   command.frame = parseFrameSettings(parsed);
@@ -195,70 +183,119 @@ ServeCommand parseServe(const ParsedArguments& parsed) {
   return command;
 }
 
+// A subcommand: what it declares to CLI11, and how its options become a Command.
 struct Subcommand {
   const char* name;
-  const char* usage;
-  std::vector<OptionSpec> options;
-  Command (*parse)(const ParsedArguments&);
+  const char* description;
+  void (*declare)(GivenOptions&);
+  Command (*build)(const GivenOptions&);
 };
 
-std::vector<Subcommand> subcommands() {
-  auto kxpOptions = frameOptions();
-  kxpOptions.insert(kxpOptions.end(), {{"--data", true},
-                                       {"--data-file", true},
-                                       {"--output", true},
-                                       {"--header", true, true},
-                                       {"--timeout", true}});
-  auto serveOptions = frameOptions();
-  serveOptions.insert(serveOptions.end(), {{"--port", true}, {"--root", true}, {"--rate-limit", true}});
-  return {
-      {"kxp", kKXPUsage, withCommonOptions(std::move(kxpOptions)),
-       [](const ParsedArguments& p) -> Command { return parseKXP(p); }},
-      {"json", kJSONUsage,
-       withCommonOptions({{"--method", true},
-                          {"--arg", true},
-                          {"--header", true, true},
-                          {"--user", true},
-                          {"--password", true},
-                          {"--timeout", true}}),
-       [](const ParsedArguments& p) -> Command { return parseJSON(p); }},
-      {"download", kDownloadUsage, withCommonOptions({{"--timeout", true}}),
-       [](const ParsedArguments& p) -> Command { return parseDownload(p); }},
-      {"serve", kServeUsage, withCommonOptions(std::move(serveOptions)),
-       [](const ParsedArguments& p) -> Command { return parseServe(p); }},
-  };
-}
+const std::array<Subcommand, 4> kSubcommands{{
+    {"kxp", "Sends one KXP request and prints the answer's payload.",
+     [](GivenOptions& o) {
+       o.positional("URL", "where to send the request");
+       o.option("--data", "TEXT", "the payload");
+       o.option("--data-file", "FILE", "the payload from FILE (\"-\": standard input)");
+       o.option("--output", "FILE", "write the payload to FILE instead of standard output");
+       o.repeatable("--header", "\"Name: value\"", "an extra header field (repeatable)");
+       declareTimeout(o);
+       declareFrameOptions(o);
+     },
+     [](const GivenOptions& o) -> Command { return parseKXP(o); }},
+    {"json", "Sends one JSON request and prints the decoded answer.",
+     [](GivenOptions& o) {
+       o.positional("URL", "where to send the request");
+       o.option("--method", "M", "GET (default), POST, HEAD, PUT, DELETE or PATCH");
+       o.option("--arg", "JSON", "the argument: the body, or the query of GET/HEAD/DELETE");
+       o.repeatable("--header", "\"Name: value\"", "an extra header field (repeatable)");
+       o.option("--user", "U", "user name for basic authorization (with --password)");
+       o.option("--password", "P", "password for basic authorization (with --user)");
+       declareTimeout(o);
+     },
+     [](const GivenOptions& o) -> Command { return parseJSON(o); }},
+    {"download",
+     "Downloads URL to PATH (a file, or an existing folder). An interrupted download\n"
+     "(Ctrl-C) resumes when the same PATH is downloaded again.",
+     [](GivenOptions& o) {
+       o.positional("URL", "what to download");
+       o.positional("PATH", "the file to write, or the folder to write it in");
+       declareTimeout(o);
+     },
+     [](const GivenOptions& o) -> Command { return parseDownload(o); }},
+    {"serve",
+     "Runs the reference server on 127.0.0.1 until Ctrl-C:\n"
+     "  POST /kxp/echo           answers the request frame's payload in a response frame\n"
+     "  GET|POST|... /json/echo  answers the query or the JSON body as JSON\n"
+     "  GET /files/PATH          files under --root, with Range, ETag and Last-Modified",
+     [](GivenOptions& o) {
+       o.option("--port", "N", "port to listen on (default 0: any free port)");
+       o.option("--root", "DIR", "folder whose files are served");
+       o.option("--rate-limit", "N", "send files at N bytes per second at most");
+       declareFrameOptions(o);
+     },
+     [](const GivenOptions& o) -> Command { return parseServe(o); }},
+}};
+
+// The whole command line: vkq and its subcommands, with the options each one takes.
+class Grammar {
+ public:
+  Grammar() : app_("vkq: requests through the VKQVesk library, and its reference server.", "vkq") {
+    auto formatter = std::make_shared<CLI::Formatter>();
+    formatter->label("Usage", "usage");
+    formatter->column_width(30);
+    app_.formatter(formatter);
+    app_.require_subcommand(1);
+    app_.footer(kExitStatus);
+    for (const Subcommand& subcommand : kSubcommands) {
+      CLI::App* app = app_.add_subcommand(subcommand.name, subcommand.description);
+      GivenOptions& options = options_.emplace_back(*app);
+      subcommand.declare(options);
+      options.flag("--verbose", "show the library's debug log on standard error");
+    }
+  }
+
+  std::string generalUsage() const { return app_.help("", CLI::AppFormatMode::All); }
+  std::string usage(std::size_t subcommand) const { return options_[subcommand].app().help("vkq"); }
+
+  Invocation parse(std::span<const std::string> arguments) {
+    if (arguments.empty()) throw UsageError(withUsage("missing subcommand", generalUsage()));
+    if (isHelp(arguments[0]) || arguments[0] == "help") return Invocation{HelpCommand{generalUsage()}, false};
+    const auto chosen = std::find_if(kSubcommands.begin(), kSubcommands.end(),
+                                     [&](const Subcommand& s) { return arguments[0] == s.name; });
+    if (chosen == kSubcommands.end()) {
+      throw UsageError(withUsage("unknown subcommand \"" + arguments[0] + "\"", generalUsage()));
+    }
+    const auto index = static_cast<std::size_t>(chosen - kSubcommands.begin());
+    // --help wins over every other mistake, so that a broken line can still ask.
+    if (std::any_of(arguments.begin() + 1, arguments.end(), isHelp)) {
+      return Invocation{HelpCommand{usage(index)}, false};
+    }
+    try {
+      std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());  // as CLI11 takes them
+      app_.parse(reversed);
+      return Invocation{chosen->build(options_[index]), options_[index].has("--verbose")};
+    } catch (const CLI::ParseError& error) {
+      throw UsageError(withUsage(error.what(), usage(index)));
+    } catch (const UsageError& error) {
+      throw UsageError(withUsage(error.what(), usage(index)));
+    }
+  }
+
+ private:
+  static bool isHelp(const std::string& argument) { return argument == "--help" || argument == "-h"; }
+  static std::string withUsage(const std::string& message, const std::string& usage) {
+    return message + "\n\n" + usage;
+  }
+
+  CLI::App app_;
+  std::deque<GivenOptions> options_;  // by subcommand, in kSubcommands order; stable addresses
+};
 
 }  // namespace
 
-std::string generalUsage() {
-  std::string text = "vkq: requests through the VKQVesk library, and its reference server.\n\n";
-  for (const Subcommand& subcommand : subcommands()) text += std::string(subcommand.usage) + "\n";
-  text += "Exit status: 0 on success; 1 network, 2 http, 3 protocol, 4 server error;\n"
-          "64 bad arguments; 130 interrupted.\n";
-  return text;
-}
+std::string generalUsage() { return Grammar().generalUsage(); }
 
-Invocation parseCommandLine(std::span<const std::string> arguments) {
-  if (arguments.empty()) throw UsageError(withUsage("missing subcommand", generalUsage().c_str()));
-  if (arguments[0] == "--help" || arguments[0] == "-h" || arguments[0] == "help") {
-    return Invocation{HelpCommand{generalUsage()}, false};
-  }
-  for (const Subcommand& subcommand : subcommands()) {
-    if (arguments[0] != subcommand.name) continue;
-    try {
-      // --help wins over every other mistake, so that a broken line can still ask.
-      const auto rest = arguments.subspan(1);
-      if (std::find(rest.begin(), rest.end(), "--help") != rest.end()) {
-        return Invocation{HelpCommand{subcommand.usage}, false};
-      }
-      const ParsedArguments parsed = ArgumentParser(subcommand.options).parse(rest);
-      return Invocation{subcommand.parse(parsed), parsed.has("--verbose")};
-    } catch (const UsageError& error) {
-      throw UsageError(withUsage(error.what(), subcommand.usage));
-    }
-  }
-  throw UsageError(withUsage("unknown subcommand \"" + arguments[0] + "\"", generalUsage().c_str()));
-}
+Invocation parseCommandLine(std::span<const std::string> arguments) { return Grammar().parse(arguments); }
 
 }  // namespace vkq::tool

@@ -5,8 +5,9 @@
 //   vkq download URL PATH a resumable download
 //   vkq serve ...         the reference server
 //
-// parseCommandLine() does no I/O: it checks the arguments and returns a Command; files
-// named in it are read by whoever runs the command. `--help` anywhere after a
+// parseCommandLine() does no I/O: it checks the arguments (with CLI11 for the options
+// and subcommands, and the rules of Numbers.h for their values) and returns a Command;
+// files named in it are read by whoever runs the command. `--help` anywhere after a
 // subcommand (or alone) yields a HelpCommand with the text to print.
 #pragma once
 
@@ -21,7 +22,7 @@
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Classes/VKQVeskRequest.h"
 #include "Platform/Serialization/Object.h"
-#include "Tools/vkq/CommandLine/ArgumentParser.h"
+#include "Tools/vkq/CommandLine/Numbers.h"
 
 namespace vkq::tool {
 

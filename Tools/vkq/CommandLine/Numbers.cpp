@@ -1,69 +1,11 @@
-#include "Tools/vkq/CommandLine/ArgumentParser.h"
+#include "Tools/vkq/CommandLine/Numbers.h"
 
 #include <charconv>
 #include <cmath>
+#include <string>
 #include <system_error>
 
 namespace vkq::tool {
-
-std::optional<std::string> ParsedArguments::value(std::string_view name) const {
-  auto it = values_.find(name);
-  if (it == values_.end()) return std::nullopt;
-  return it->second.back();
-}
-
-std::vector<std::string> ParsedArguments::values(std::string_view name) const {
-  auto it = values_.find(name);
-  return it == values_.end() ? std::vector<std::string>{} : it->second;
-}
-
-const OptionSpec* ArgumentParser::find(std::string_view name) const {
-  for (const OptionSpec& option : options_) {
-    if (option.name == name) return &option;
-  }
-  return nullptr;
-}
-
-ParsedArguments ArgumentParser::parse(std::span<const std::string> arguments) const {
-  ParsedArguments parsed;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& argument = arguments[i];
-    if (argument == "--") {
-      parsed.positionals_.insert(parsed.positionals_.end(), arguments.begin() + static_cast<std::ptrdiff_t>(i) + 1,
-                                 arguments.end());
-      break;
-    }
-    if (argument.size() < 2 || argument[0] != '-') {
-      parsed.positionals_.push_back(argument);
-      continue;
-    }
-
-    std::string_view name = argument;
-    std::optional<std::string> inlineValue;
-    if (auto equals = name.find('='); equals != std::string_view::npos) {
-      inlineValue = std::string(name.substr(equals + 1));
-      name = name.substr(0, equals);
-    }
-    const OptionSpec* option = find(name);
-    if (option == nullptr) throw UsageError("unknown option " + std::string(name));
-    if (!option->repeatable && parsed.has(name)) throw UsageError(std::string(name) + " given twice");
-
-    std::string value;
-    if (option->takesValue) {
-      if (inlineValue) {
-        value = *inlineValue;
-      } else if (i + 1 < arguments.size()) {
-        value = arguments[++i];
-      } else {
-        throw UsageError(std::string(name) + " needs a value");
-      }
-    } else if (inlineValue) {
-      throw UsageError(std::string(name) + " takes no value");
-    }
-    parsed.values_[std::string(name)].push_back(std::move(value));
-  }
-  return parsed;
-}
 
 std::int64_t parseInteger(std::string_view text, std::int64_t minimum, std::int64_t maximum, std::string_view what) {
   const auto invalid = [&] {
