@@ -27,7 +27,7 @@ int serve(const ServeCommand& command) {
     std::cerr << "vkq: --root " << *command.root << " is not a folder\n";
     return kExitUsage;
   }
-  ReferenceServer server({command.frame, command.root, command.rateLimit, stderr});
+  ReferenceServer server({command.frame, command.root, command.rateLimit, stderr, command.dropEvery, command.failFirst});
   // Before the server starts its threads, so that they inherit the blocked signals.
   SignalWatcher watcher([&server](int) { server.stop(); });
   const auto port = server.bind(command.port);

@@ -176,9 +176,15 @@ ServeCommand parseServe(const GivenOptions& parsed) {
   if (auto port = parsed.value("--port")) command.port = parseInteger<std::uint16_t>(*port, "--port");
   command.frame = parseFrameSettings(parsed);
   command.root = parsed.value("--root");
+  constexpr auto kMaximum = std::numeric_limits<std::int64_t>::max();
   if (auto rate = parsed.value("--rate-limit")) {
-    command.rateLimit =
-        static_cast<std::uint64_t>(parseInteger(*rate, 1, std::numeric_limits<std::int64_t>::max(), "--rate-limit"));
+    command.rateLimit = static_cast<std::uint64_t>(parseInteger(*rate, 1, kMaximum, "--rate-limit"));
+  }
+  if (auto drop = parsed.value("--drop-every")) {
+    command.dropEvery = static_cast<std::uint64_t>(parseInteger(*drop, 1, kMaximum, "--drop-every"));
+  }
+  if (auto fail = parsed.value("--fail-first")) {
+    command.failFirst = static_cast<std::uint64_t>(parseInteger(*fail, 0, kMaximum, "--fail-first"));
   }
   return command;
 }
@@ -232,6 +238,8 @@ const std::array<Subcommand, 4> kSubcommands{{
        o.option("--port", "N", "port to listen on (default 0: any free port)");
        o.option("--root", "DIR", "folder whose files are served");
        o.option("--rate-limit", "N", "send files at N bytes per second at most");
+       o.option("--drop-every", "BYTES", "close the connection after BYTES body bytes of each answer");
+       o.option("--fail-first", "N", "answer the first N requests 503 with Retry-After: 1");
        declareFrameOptions(o);
      },
      [](const GivenOptions& o) -> Command { return parseServe(o); }},

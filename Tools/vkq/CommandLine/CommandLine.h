@@ -61,6 +61,8 @@ struct ServeCommand {
   VKQKXPFrameSettings frame;
   std::optional<std::string> root;  // absent: no files are served
   std::optional<std::uint64_t> rateLimit;  // bytes per second for files; absent: no limit
+  std::optional<std::uint64_t> dropEvery;  // body bytes per answer before the connection is cut
+  std::uint64_t failFirst = 0;             // requests answered 503 before the others
 };
 
 struct HelpCommand {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <limits>
 #include <span>
 #include <string>
 #include <thread>
@@ -44,12 +45,24 @@ JSON queryObject(const httplib::Params& params) {
   return object;
 }
 
+// The body bytes an answer sends before the connection is cut.
+std::size_t bodyCut(std::optional<std::uint64_t> dropEvery) {
+  return dropEvery ? static_cast<std::size_t>(*dropEvery) : std::numeric_limits<std::size_t>::max();
+}
+
 }  // namespace
 
 ReferenceServer::ReferenceServer(Options options)
     : options_(std::move(options)), server_(std::make_unique<httplib::Server>()) {
   // An idle keep-alive connection holds up stop() for at most this long.
   server_->set_keep_alive_timeout(1);
+  server_->set_pre_routing_handler([this](const httplib::Request&, httplib::Response& response) {
+    if (requestsSeen_.fetch_add(1) >= options_.failFirst) return httplib::Server::HandlerResponse::Unhandled;
+    response.status = 503;
+    response.set_header("Retry-After", "1");
+    response.set_content("unavailable, try again later\n", "text/plain");
+    return httplib::Server::HandlerResponse::Handled;
+  });
   server_->Post("/kxp/echo", [this](const httplib::Request& request, httplib::Response& response) {
     echoKXP(request, response);
   });
@@ -100,16 +113,16 @@ void ReferenceServer::echoKXP(const httplib::Request& request, httplib::Response
   const auto payload = VKQKXPServerCodec::parseRequestFrame(bytesOf(request.body), options_.frame, &refusal);
   if (!payload) {
     response.status = 400;
-    response.set_content("kxp frame refused: " + refusal->localizedDescription() + "\n", "text/plain");
+    setBody(response, "kxp frame refused: " + refusal->localizedDescription() + "\n", "text/plain");
     return;
   }
   const auto frame = VKQKXPServerCodec::makeResponseFrame(*payload, options_.frame);
   if (!frame) {
     response.status = 500;
-    response.set_content("the payload could not be framed\n", "text/plain");
+    setBody(response, "the payload could not be framed\n", "text/plain");
     return;
   }
-  response.set_content(std::string(frame->begin(), frame->end()), "application/octet-stream");
+  setBody(response, std::string(frame->begin(), frame->end()), "application/octet-stream");
 }
 
 void ReferenceServer::echoJSON(const httplib::Request& request, httplib::Response& response) const {
@@ -120,11 +133,11 @@ void ReferenceServer::echoJSON(const httplib::Request& request, httplib::Respons
     answer = JSON::parse(request.body, nullptr, /*allow_exceptions=*/false);
     if (answer.is_discarded()) {
       response.status = 400;
-      response.set_content(JSON{{"error", "the body is not valid JSON"}}.dump(), "application/json");
+      setBody(response, JSON{{"error", "the body is not valid JSON"}}.dump(), "application/json");
       return;
     }
   }
-  response.set_content(answer.dump(-1, ' ', false, JSON::error_handler_t::replace), "application/json");
+  setBody(response, answer.dump(-1, ' ', false, JSON::error_handler_t::replace), "application/json");
 }
 
 void ReferenceServer::sendFile(const httplib::Request& request, httplib::Response& response) const {
@@ -179,12 +192,27 @@ void ReferenceServer::sendFile(const httplib::Request& request, httplib::Respons
   auto pacer = std::make_shared<Pacer>(options_.rateLimit);
   response.set_content_provider(
       static_cast<std::size_t>(range.length), "application/octet-stream",
-      [file, pacer, stop = stop_](std::size_t, std::size_t length, httplib::DataSink& sink) {
-        std::string chunk(std::min(length, pacer->chunkSize()), '\0');
+      [file, pacer, stop = stop_, cut = bodyCut(options_.dropEvery)](std::size_t offset, std::size_t length,
+                                                                        httplib::DataSink& sink) {
+        if (offset >= cut) return false;  // closes the connection
+        std::string chunk(std::min({length, pacer->chunkSize(), cut - offset}), '\0');
         file->read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
         if (file->gcount() != static_cast<std::streamsize>(chunk.size())) return false;  // shrank meanwhile
         if (!sink.write(chunk.data(), chunk.size())) return false;
         return pacer->sent(chunk.size(), *stop);
+      });
+}
+
+void ReferenceServer::setBody(httplib::Response& response, std::string body, const char* contentType) const {
+  const std::size_t cut = bodyCut(options_.dropEvery);
+  if (body.size() <= cut) {
+    response.set_content(std::move(body), contentType);
+    return;
+  }
+  response.set_content_provider(
+      body.size(), contentType, [body = std::move(body), cut](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+        if (offset < cut) sink.write(body.data() + offset, cut - offset);
+        return false;  // closes the connection after the first `cut` bytes
       });
 }
 

@@ -10,6 +10,10 @@
 //                       ETag and Last-Modified; one Range is honoured unless If-Range
 //                       names an older version. Paths leaving the folder get 403.
 //
+// Faults on demand, to show and test clients on a bad network: the first `failFirst`
+// requests get 503 with "Retry-After: 1"; with `dropEvery`, every answer whose body is
+// longer is cut off after that many body bytes (the connection is closed).
+//
 // Every answer is logged as one line on the log stream once sent, with the Range asked
 // for; a file answer also logs the bytes it is about to send.
 //
@@ -18,6 +22,7 @@
 // after construction.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -43,6 +48,8 @@ class ReferenceServer {
     std::optional<std::filesystem::path> root;  // absent: /files/ answers 404
     std::optional<std::uint64_t> rateLimit;     // bytes per second per file answer
     std::FILE* log = stderr;                    // null: no log
+    std::optional<std::uint64_t> dropEvery;     // body bytes per answer before the cut
+    std::uint64_t failFirst = 0;                // requests answered 503 first
   };
 
   explicit ReferenceServer(Options options);
@@ -62,11 +69,14 @@ class ReferenceServer {
   void echoKXP(const httplib::Request& request, httplib::Response& response) const;
   void echoJSON(const httplib::Request& request, httplib::Response& response) const;
   void sendFile(const httplib::Request& request, httplib::Response& response) const;
+  // Sets `body` as the answer's content, cut off after options_.dropEvery bytes.
+  void setBody(httplib::Response& response, std::string body, const char* contentType) const;
   void logExchange(const httplib::Request& request, const httplib::Response& response) const;
   void logLine(const std::string& line) const;
 
   Options options_;
   std::unique_ptr<httplib::Server> server_;
+  std::atomic<std::uint64_t> requestsSeen_{0};
   // Shared with the content providers of answers still being sent.
   std::shared_ptr<StopSignal> stop_ = std::make_shared<StopSignal>();
 };
