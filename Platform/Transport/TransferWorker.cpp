@@ -114,7 +114,7 @@ void TransferWorker::run() {
     curl_multi_timeout(multi_.get(), &curlTimeout);
     Clock::duration limit = kMaximumPoll;
     if (curlTimeout >= 0) limit = std::min<Clock::duration>(limit, std::chrono::milliseconds(curlTimeout));
-    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(expireIdle(limit));
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(handleTimers(limit));
     beforeWait_();
     {
       std::lock_guard lock(mutex_);
@@ -125,6 +125,7 @@ void TransferWorker::run() {
   }
 
   while (!running_.empty()) finish(*running_.back().transfer, EndReason::Cancelled, CURLE_OK);
+  while (!restarts_.empty()) endWaiting(*restarts_.back().transfer, EndReason::Cancelled, CURLE_OK);
   beforeWait_();
 }
 
@@ -134,7 +135,11 @@ void TransferWorker::apply(Command& command) {
     begin(command.transfer);
     return;
   }
-  if (transfer.runningSlot_ == Transfer::kNotRunning) return;  // ended already
+  if (transfer.waitingToRestart_ && command.kind == Command::Kind::Cancel) {
+    endWaiting(transfer, EndReason::Cancelled, CURLE_OK);
+    return;
+  }
+  if (transfer.runningSlot_ == Transfer::kNotRunning) return;  // ended already, or waits
   switch (command.kind) {
     case Command::Kind::Cancel:
       finish(transfer, EndReason::Cancelled, CURLE_OK);
@@ -194,10 +199,28 @@ void TransferWorker::finish(Transfer& transfer, EndReason reason, CURLcode code)
   curl_multi_remove_handle(multi_.get(), running.easy->get());
   transfer.runningSlot_ = Transfer::kNotRunning;
   transfer.paused_ = false;
+  transfer.restartDelay = Clock::duration::zero();
   const bool again = transfer.end(reason, code);
   running.easy->setOwner(nullptr);
   keepHandle(std::move(running.easy));
-  if (again) begin(running.transfer);
+  if (!again) return;
+  if (transfer.restartDelay <= Clock::duration::zero()) {
+    begin(running.transfer);
+  } else {
+    transfer.waitingToRestart_ = true;
+    restarts_.push_back({Clock::now() + transfer.restartDelay, std::move(running.transfer)});
+  }
+}
+
+void TransferWorker::endWaiting(Transfer& transfer, EndReason reason, CURLcode code) {
+  const auto at = std::find_if(restarts_.begin(), restarts_.end(),
+                               [&](const Restart& restart) { return restart.transfer.get() == &transfer; });
+  if (at == restarts_.end()) return;
+  const std::shared_ptr<Transfer> held = std::move(at->transfer);  // alive through end()
+  restarts_.erase(at);
+  transfer.waitingToRestart_ = false;
+  // No easy handle: a transfer that ends while waiting is not started again.
+  transfer.end(reason, code);
 }
 
 std::unique_ptr<EasyHandle> TransferWorker::takeHandle() noexcept {
@@ -222,21 +245,36 @@ void TransferWorker::keepHandle(std::unique_ptr<EasyHandle> easy) {
   idleHandles_.push_back(std::move(easy));
 }
 
-TransferWorker::Clock::duration TransferWorker::expireIdle(Clock::duration limit) {
+TransferWorker::Clock::duration TransferWorker::handleTimers(Clock::duration limit) {
   const auto now = Clock::now();
-  std::vector<std::shared_ptr<Transfer>> expired;
+  const auto until = [&](Clock::time_point at) {
+    if (at > now) limit = std::min(limit, at - now);
+    return at <= now;
+  };
+  std::vector<std::shared_ptr<Transfer>> overdue;
   for (const Running& running : running_) {
     const auto& transfer = running.transfer;
-    if (transfer->idleTimeout == Clock::duration::zero() || transfer->paused_) continue;
-    const auto deadline = transfer->lastActivity + transfer->idleTimeout;
-    if (deadline <= now) {
-      expired.push_back(transfer);
-    } else {
-      limit = std::min(limit, deadline - now);
+    const bool idle = transfer->idleTimeout != Clock::duration::zero() && !transfer->paused_ &&
+                      until(transfer->lastActivity + transfer->idleTimeout);
+    if (until(transfer->deadline) || idle) overdue.push_back(transfer);
+  }
+  for (const auto& transfer : overdue) finish(*transfer, EndReason::TimedOut, CURLE_OPERATION_TIMEDOUT);
+
+  std::vector<std::shared_ptr<Transfer>> due, late;
+  for (const Restart& restart : restarts_) {
+    if (until(restart.transfer->deadline)) {
+      late.push_back(restart.transfer);
+    } else if (until(restart.at)) {
+      due.push_back(restart.transfer);
     }
   }
-  for (const auto& transfer : expired) finish(*transfer, EndReason::TimedOut, CURLE_OPERATION_TIMEDOUT);
-  return expired.empty() ? limit : Clock::duration::zero();
+  for (const auto& transfer : late) endWaiting(*transfer, EndReason::TimedOut, CURLE_OPERATION_TIMEDOUT);
+  for (const auto& transfer : due) {
+    std::erase_if(restarts_, [&](const Restart& restart) { return restart.transfer == transfer; });
+    transfer->waitingToRestart_ = false;
+    begin(transfer);
+  }
+  return overdue.empty() && late.empty() && due.empty() ? limit : Clock::duration::zero();
 }
 
 }  // namespace vkq::platform

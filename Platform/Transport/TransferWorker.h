@@ -31,7 +31,7 @@ class TransferWorker {
   enum class EndReason {
     Done,       // libcurl finished it; see the code
     Cancelled,  // cancel(), or the worker shut down
-    TimedOut,   // no activity for its idle time-out
+    TimedOut,   // no activity for its idle time-out, or its deadline passed
   };
 
   // One exchange. The worker holds it (shared) from add() until end() has returned.
@@ -47,8 +47,9 @@ class TransferWorker {
     virtual bool start(EasyHandle& easy) noexcept = 0;
     // Worker thread: the exchange ended; the easy handle is no longer in the multi
     // handle but may still be read. True asks the worker to start() the transfer again
-    // (a restarted download). Also called without start() when no easy handle could be
-    // made (CURLE_OUT_OF_MEMORY).
+    // after restartDelay (a restarted download, a retry). Also called without start()
+    // when no easy handle could be made (CURLE_OUT_OF_MEMORY), and without a handle
+    // for a transfer cancelled or overdue while it waited to start again.
     virtual bool end(EndReason reason, CURLcode code) noexcept = 0;
 
     // Worker thread, from the transfer's callbacks: data moved. It counts as of the
@@ -59,6 +60,10 @@ class TransferWorker {
     Clock::time_point lastActivity;  // worker thread
     // Zero: no idle time-out.
     Clock::duration idleTimeout{};
+    // The transfer ends with EndReason::TimedOut at this time, whatever it is doing.
+    Clock::time_point deadline = Clock::time_point::max();
+    // How long to wait before starting again when end() asks for it.
+    Clock::duration restartDelay{};
 
    private:
     friend class TransferWorker;
@@ -66,6 +71,7 @@ class TransferWorker {
     static constexpr std::size_t kNotRunning = static_cast<std::size_t>(-1);
     std::size_t runningSlot_ = kNotRunning;  // worker thread: its place in running_
     bool paused_ = false;                    // worker thread
+    bool waitingToRestart_ = false;          // worker thread: in restarts_
   };
 
   // Sets the options shared by every exchange on a new easy handle (worker thread);
@@ -109,9 +115,12 @@ class TransferWorker {
   std::unique_ptr<EasyHandle> takeHandle() noexcept;
   // Keeps a handle whose transfer is over for the next one, unless enough are idle.
   void keepHandle(std::unique_ptr<EasyHandle> easy);
-  // Ends the transfers that were idle too long; returns the time until the next
-  // idle deadline (or `limit`).
-  Clock::duration expireIdle(Clock::duration limit);
+  // Ends the transfers that were idle too long or are past their deadline, and starts
+  // those whose restart delay is over; returns the time until the next such event (or
+  // `limit`).
+  Clock::duration handleTimers(Clock::duration limit);
+  // Removes a transfer that waits to start again from restarts_ and ends it.
+  void endWaiting(Transfer& transfer, EndReason reason, CURLcode code);
 
   const std::function<void()> beforeWait_;
   const HandlePreparation prepareHandle_;
@@ -133,6 +142,11 @@ class TransferWorker {
   // (declared after share_, so they go before it).
   std::vector<Running> running_;
   std::vector<std::unique_ptr<EasyHandle>> idleHandles_;
+  struct Restart {
+    Clock::time_point at;
+    std::shared_ptr<Transfer> transfer;
+  };
+  std::vector<Restart> restarts_;  // worker thread: transfers waiting to start again
   std::size_t mostRunning_ = 0;
   Clock::time_point roundStart_;  // worker thread: when the current round began
 
