@@ -157,6 +157,37 @@ VKQVesk::Promise<std::optional<VKQHeaderDictionary>> VKQVesk::headersPromise() {
       self(), [](VKQVesk& vesk, std::optional<VKQHeaderDictionary> value) { vesk.headers_ = std::move(value); });
 }
 
+VKQVesk::Promise<int> VKQVesk::maximumRetryCountPromise() {
+  return makePromise<int>(self(), [](VKQVesk& vesk, int value) { vesk.retry_.maximumRetries = value; });
+}
+
+VKQVesk::Promise<double> VKQVesk::retryBaseDelayPromise() {
+  return makePromise<double>(self(), [](VKQVesk& vesk, double value) { vesk.retry_.baseDelay = value; });
+}
+
+VKQVesk::Promise<double> VKQVesk::retryMaximumDelayPromise() {
+  return makePromise<double>(self(), [](VKQVesk& vesk, double value) { vesk.retry_.maximumDelay = value; });
+}
+
+VKQVesk::Promise<std::vector<long>> VKQVesk::retryStatusCodesPromise() {
+  return makePromise<std::vector<long>>(
+      self(), [](VKQVesk& vesk, std::vector<long> value) { vesk.retry_.statusCodes = std::move(value); });
+}
+
+VKQVesk::Promise<bool> VKQVesk::retriesNetworkFailuresPromise() {
+  return makePromise<bool>(self(), [](VKQVesk& vesk, bool value) { vesk.retry_.retriesNetworkFailures = value; });
+}
+
+VKQVesk::Promise<bool> VKQVesk::retriesNonIdempotentRequestsPromise() {
+  return makePromise<bool>(self(),
+                           [](VKQVesk& vesk, bool value) { vesk.retry_.retriesNonIdempotentMethods = value; });
+}
+
+VKQVesk::Promise<std::optional<double>> VKQVesk::requestDeadlineIntervalPromise() {
+  return makePromise<std::optional<double>>(self(),
+                                            [](VKQVesk& vesk, std::optional<double> value) { vesk.deadline_ = value; });
+}
+
 std::shared_ptr<VKQVesk> VKQVesk::GET() {
   requestMethod_ = VKQRequestMethodGET;
   return self();

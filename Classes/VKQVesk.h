@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Classes/VKQVeskRequest.h"
 #include "Platform/Base/Bytes.h"
@@ -69,6 +70,14 @@ class VKQVesk : public VKQVeskRequest {
   SwitchPromise nonProtocolPromise();
   // Replaces the whole header dictionary (absent removes it).
   Promise<std::optional<VKQHeaderDictionary>> headersPromise();
+  // Retries and deadline, as the request properties of the same names.
+  Promise<int> maximumRetryCountPromise();
+  Promise<double> retryBaseDelayPromise();
+  Promise<double> retryMaximumDelayPromise();
+  Promise<std::vector<long>> retryStatusCodesPromise();
+  Promise<bool> retriesNetworkFailuresPromise();
+  Promise<bool> retriesNonIdempotentRequestsPromise();
+  Promise<std::optional<double>> requestDeadlineIntervalPromise();
 
   // Set the method to GET or POST and return the builder (null when the builder is not
   // owned by a std::shared_ptr), to open or continue a chain.
@@ -90,6 +99,13 @@ class VKQVesk : public VKQVeskRequest {
   bool bigEndian() const override { return bigEndian_; }
   bool nonProtocol() const override { return nonProtocol_; }
   std::optional<VKQHeaderDictionary> requestHeaderFieldValueDictionary() const override { return headers_; }
+  int maximumRetryCount() const override { return retry_.maximumRetries; }
+  double retryBaseDelay() const override { return retry_.baseDelay; }
+  double retryMaximumDelay() const override { return retry_.maximumDelay; }
+  std::vector<long> retryStatusCodes() const override { return retry_.statusCodes; }
+  bool retriesNetworkFailures() const override { return retry_.retriesNetworkFailures; }
+  bool retriesNonIdempotentRequests() const override { return retry_.retriesNonIdempotentMethods; }
+  std::optional<double> requestDeadlineInterval() const override { return deadline_; }
   // The request bytes for a KXP request, the argument otherwise.
   vkq::platform::Object requestArgument() const override;
 
@@ -122,4 +138,6 @@ class VKQVesk : public VKQVeskRequest {
   std::shared_ptr<vkq::platform::Bytes> requestData_;
   vkq::platform::Object argument_;
   std::optional<VKQHeaderDictionary> headers_;
+  vkq::platform::RetryPolicy retry_;
+  std::optional<double> deadline_;
 };

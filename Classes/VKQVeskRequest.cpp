@@ -44,6 +44,17 @@ ErrorPtr VKQVeskRequest::error() const {
   return requestTask_ ? requestTask_->error() : nullptr;
 }
 
+vkq::platform::RetryPolicy VKQVeskRequest::retryPolicy() const {
+  vkq::platform::RetryPolicy policy;
+  policy.maximumRetries = maximumRetryCount();
+  policy.baseDelay = retryBaseDelay();
+  policy.maximumDelay = retryMaximumDelay();
+  policy.statusCodes = retryStatusCodes();
+  policy.retriesNetworkFailures = retriesNetworkFailures();
+  policy.retriesNonIdempotentMethods = retriesNonIdempotentRequests();
+  return policy;
+}
+
 std::shared_ptr<const HTTPResponse> VKQVeskRequest::response() const {
   return requestTask_ ? requestTask_->response() : nullptr;
 }

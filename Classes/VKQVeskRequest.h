@@ -29,6 +29,7 @@
 #include "Platform/Base/Error.h"
 #include "Platform/HTTP/HTTPHeaders.h"
 #include "Platform/HTTP/HTTPResponse.h"
+#include "Platform/HTTP/RetryPolicy.h"
 #include "Platform/Serialization/Object.h"
 #include "Platform/Base/Progress.h"
 #include "Platform/HTTP/URLRequest.h"
@@ -101,6 +102,25 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   // True: body and answer pass without KXP framing.
   virtual bool nonProtocol() const { return kKXPDefaults.nonProtocol; }
 
+  // ---- Retries and deadline (vkq::platform::RetryPolicy says what each one means) ----
+  // Exchanges after the first one that failed retryably; 0: no retry.
+  virtual int maximumRetryCount() const { return kNoRetries.maximumRetries; }
+  // Back-off in seconds: a random wait up to retryBaseDelay * 2^(n-1) before retry n,
+  // at most retryMaximumDelay, which also caps a server's Retry-After.
+  virtual double retryBaseDelay() const { return kNoRetries.baseDelay; }
+  virtual double retryMaximumDelay() const { return kNoRetries.maximumDelay; }
+  // Statuses whose answers are retried (408, 429, 500, 502, 503, 504).
+  virtual std::vector<long> retryStatusCodes() const { return kNoRetries.statusCodes; }
+  // Connection failures, connections lost mid-answer and time-outs are retried.
+  virtual bool retriesNetworkFailures() const { return kNoRetries.retriesNetworkFailures; }
+  // POST and PATCH (so every KXP request) are retried only when this says so.
+  virtual bool retriesNonIdempotentRequests() const { return kNoRetries.retriesNonIdempotentMethods; }
+  // Seconds the whole request may take, retries and back-off included; absent: no
+  // limit beyond the idle time-out of each exchange.
+  virtual std::optional<double> requestDeadlineInterval() const { return std::nullopt; }
+  // The retry properties above as the transport takes them.
+  vkq::platform::RetryPolicy retryPolicy() const;
+
   // ---- Starting ----
   // Stores the success, then the failure callback, and hands the request to the agent.
   void requestWithSuccess(ResultBlock success, ResultBlock failure);
@@ -147,6 +167,7 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
 
  private:
   static constexpr const VKQKXPFrameSettings& kKXPDefaults = VKQKXPFrame::kDefaultSettings;
+  static inline const vkq::platform::RetryPolicy kNoRetries{};
 
   // Hands the request to the shared agent. REQUIRES: owned by a std::shared_ptr
   // (fatal assertion otherwise).

@@ -7,6 +7,7 @@
 
 #include "Platform/Base/Bytes.h"
 #include "Platform/HTTP/HTTPHeaders.h"
+#include "Platform/HTTP/RetryPolicy.h"
 #include "Platform/HTTP/URL.h"
 
 namespace vkq::platform {
@@ -19,6 +20,10 @@ struct URLRequest {
   // Idle time-out in seconds: the exchange fails when no data arrives for this long.
   double timeoutInterval = 60.0;
   bool allowsCellularAccess = true;
+  // When a failed exchange is sent again; by default never.
+  RetryPolicy retryPolicy;
+  // Seconds the whole task may take, retries included; absent: no limit.
+  std::optional<double> deadlineInterval;
 
   std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
     return allHTTPHeaderFields.value(name);

@@ -223,6 +223,8 @@ std::optional<URLRequest> HTTPRequestSerializer::requestWithMethod(std::string_v
   request.url = std::move(url);
   request.timeoutInterval = timeoutInterval_;
   request.allowsCellularAccess = allowsCellularAccess_;
+  request.retryPolicy = retryPolicy_;
+  request.deadlineInterval = deadlineInterval_;
 
   std::optional<URLRequest> serialized = requestBySerializingRequest(request, parameters, error);
   if (!serialized || !checkHeaderSafety(*serialized, error)) return std::nullopt;

@@ -65,12 +65,17 @@ class HTTPRequestSerializer {
   void setTimeoutInterval(double seconds) { timeoutInterval_ = seconds; }
   bool allowsCellularAccess() const { return allowsCellularAccess_; }
   void setAllowsCellularAccess(bool allowed) { allowsCellularAccess_ = allowed; }
+  // Retries and overall deadline of the requests made (URLRequest); not archived.
+  const RetryPolicy& retryPolicy() const { return retryPolicy_; }
+  void setRetryPolicy(RetryPolicy policy) { retryPolicy_ = std::move(policy); }
+  std::optional<double> deadlineInterval() const { return deadlineInterval_; }
+  void setDeadlineInterval(std::optional<double> seconds) { deadlineInterval_ = seconds; }
   const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const { return methodsInURI_; }
   void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) { methodsInURI_ = std::move(methods); }
   // Whether `method`, in any letter case, carries its parameters in the URI.
   bool encodesParametersInURI(std::string_view method) const;
 
-  // Builds the URL request (method, URL, time-out, cellular access) and hands it with
+  // Builds the URL request (method, URL, time-out, cellular access, retries, deadline) and hands it with
   // the parameters to requestBySerializingRequest(). Absent, with an error, when the
   // URL string is not a valid URL, a header field is unsafe, or serializing failed.
   std::optional<URLRequest> requestWithMethod(std::string_view method, std::string_view URLString,
@@ -113,6 +118,8 @@ class HTTPRequestSerializer {
   HTTPHeaders headers_;
   double timeoutInterval_ = 60.0;
   bool allowsCellularAccess_ = true;
+  RetryPolicy retryPolicy_;
+  std::optional<double> deadlineInterval_;
   std::set<std::string> methodsInURI_{"GET", "HEAD", "DELETE"};
 };
 
