@@ -12,12 +12,18 @@
 
 namespace vkq::platform {
 
+// The range of a request's time-out, in seconds: a shorter positive one counts as the
+// least, a longer one (infinity included) as the most.
+inline constexpr double kMinimumTimeoutInterval = 0.001;
+inline constexpr double kMaximumTimeoutInterval = 7 * 24 * 60 * 60.0;
+
 struct URLRequest {
   std::string HTTPMethod = "GET";
   std::optional<URL> url;
   HTTPHeaders allHTTPHeaderFields;
   std::optional<Bytes> HTTPBody;
   // Idle time-out in seconds: the exchange fails when no data arrives for this long.
+  // Taken into the range above; zero, less, or NaN: no time-out.
   double timeoutInterval = 60.0;
   bool allowsCellularAccess = true;
   // When a failed exchange is sent again; by default never.

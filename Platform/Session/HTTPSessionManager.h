@@ -3,12 +3,20 @@
 // Transport: one libcurl multi handle driven by one worker thread per manager, so
 // requests share connections (keep-alive, HTTP/2 over TLS when the server offers it)
 // and no thread is made per request. Like the platform's default session, a manager
-// follows up to 16 redirects, decodes gzip, deflate and br answers transparently,
-// keeps an in-memory cookie store shared by its tasks (Set-Cookie is stored, matching
-// cookies are sent), honours the proxy settings of the environment and verifies TLS
-// peers. A request's timeoutInterval is an idle time-out: the task fails with
+// follows up to 16 redirects (301, 302, 303, 307 and 308, to http and https URLs only:
+// a 303 is followed with GET, or HEAD for a HEAD; a 301 or 302 turns a POST into a
+// GET; otherwise method and body stay; credentials stay with their origin), decodes
+// gzip, deflate and br answers transparently, keeps an in-memory cookie store shared by
+// its tasks (Set-Cookie is stored, matching cookies are sent), honours the proxy
+// settings of the environment and verifies TLS peers. A request's timeoutInterval is an idle time-out: the task fails with
 // kURLErrorTimedOut when no data has moved for that long, connection set-up included;
 // a slow but steady transfer may last longer.
+//
+// Only requests for http and https URLs with a host are sent (others fail with
+// kURLErrorUnsupportedURL), and they carry their own header fields and the ones HTTP
+// needs (Host, Content-Length, Accept, Accept-Encoding, cookies), no others. An answer
+// whose head is cut off or whose body is shorter or longer than its Content-Length
+// fails (kURLErrorNetworkConnectionLost, kURLErrorBadServerResponse).
 //
 // Outcomes: every completion handler runs exactly once per task (success, failure or
 // cancellation) on the manager's completion queue, a serial queue of its own that is

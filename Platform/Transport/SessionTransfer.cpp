@@ -1,6 +1,8 @@
 #include "Platform/Transport/SessionTransfer.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstring>
 
 #include "Platform/Base/Assert.h"
 #include "Platform/Transport/CurlErrors.h"
@@ -13,10 +15,37 @@ using Clock = TransferWorker::Clock;
 
 constexpr auto kProgressInterval = std::chrono::milliseconds(50);
 constexpr std::int64_t kProgressStep = std::int64_t{1} << 20;
-constexpr long kMaximumRedirects = 16;
+constexpr int kMaximumRedirects = 16;
+// What libcurl says when an answer holds more body bytes than its Content-Length: it
+// drops them and closes the connection, and says so only in its verbose text.
+constexpr std::string_view kExcessText = "Excess found";
 // Room for the header lines of a typical answer, so that they are gathered without
 // reallocating.
 constexpr std::size_t kTypicalHeaderBytes = 512;
+
+bool sameLetters(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return (x | 0x20) == (y | 0x20);
+         });
+}
+
+// Only the two schemes of the web, with a host: anything else (a URL without a
+// scheme, which libcurl would guess to be plain HTTP; file, ftp, ...) is never sent.
+bool isWebURL(const URL& url) {
+  return (sameLetters(url.scheme(), "http") || sameLetters(url.scheme(), "https")) && !url.host().empty();
+}
+
+// Whether an answer of `status` is a redirect that is followed.
+bool isFollowedRedirect(long status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// A Content-Length value is one decimal number that fits the byte counts.
+bool isValidContentLength(std::string_view value) {
+  std::int64_t length = 0;
+  const auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), length);
+  return !value.empty() && value.front() != '-' && failure == std::errc() && end == value.data() + value.size();
+}
 
 std::uint64_t nextTaskIdentifier() {
   static std::atomic<std::uint64_t> counter{0};
@@ -130,17 +159,11 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
       conclude(makeTransportError(kURLErrorBadURL, "The request has no URL.", ""), false);
       return false;
     }
-    SharedRequest request = request_;
-    if (ErrorPtr refused = sink().willSend(request)) {
+    SharedRequest request = redirected_ ? redirected_ : request_;
+    ErrorPtr refused = sink().willSend(request);
+    if (!refused) refused = refusalOf(*request);
+    if (refused) {
       conclude(std::move(refused), false);
-      return false;
-    }
-    if (const auto field = firstInvalidHeaderField(request->allHTTPHeaderFields)) {
-      conclude(makeTransportError(kURLErrorBadURL,
-                                  "The request header field \"" + *field +
-                                      "\" contains a line break, NUL or colon; the request was not sent.",
-                                  failingURL()),
-               false);
       return false;
     }
     {
@@ -149,6 +172,7 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
     }
     sent_ = std::move(request);
     fieldLines_.clear();
+    headEnded_ = redirecting_ = excessBody_ = false;
     response_.reset();
     abortError_.reset();
     expectedLength_ = -1;
@@ -162,13 +186,31 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
   }
 }
 
+ErrorPtr SessionTransfer::refusalOf(const URLRequest& request) const {
+  if (!isWebURL(*request.url)) {
+    return makeTransportError(kURLErrorUnsupportedURL, "Only http and https URLs with a host are sent.",
+                              failingURL());
+  }
+  if (const auto field = firstInvalidHeaderField(request.allHTTPHeaderFields)) {
+    return makeTransportError(kURLErrorBadURL,
+                              "The request header field \"" + *field +
+                                  "\" contains a line break, NUL or colon; the request was not sent.",
+                              failingURL());
+  }
+  return nullptr;
+}
+
 void SessionTransfer::prepareHandle(EasyHandle& easy, CURLSH* share) {
   CURL* handle = easy.get();
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaximumRedirects);
+  // Redirects are followed by the transfer itself (followRedirect()): libcurl would
+  // repeat a custom method, such as DELETE, at the location a 303 names.
+  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+  // Verbose only so that onDebug() hears of excess body bytes; nothing is printed.
+  curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, &SessionTransfer::onDebug);
+  curl_easy_setopt(handle, CURLOPT_DEBUGDATA, &easy);
+  curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
   curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
   curl_easy_setopt(handle, CURLOPT_SHARE, share);
@@ -186,12 +228,15 @@ void SessionTransfer::configure(const URLRequest& request) {
   easy_->setMethod(request.HTTPMethod, request.HTTPBody ? &*request.HTTPBody : nullptr);
 
   for (const auto& [name, value] : request.allHTTPHeaderFields) easy_->addHeader(name, value);
-  // libcurl would hold bodies over 1 MiB back for a "100 Continue" first.
+  // libcurl would hold bodies over 1 MiB back for a "100 Continue" first, and give a
+  // POST a form content type of its own.
   if (request.HTTPBody && !request.allHTTPHeaderFields.contains("Expect")) easy_->suppressHeader("Expect");
+  if (!request.allHTTPHeaderFields.contains("Content-Type")) easy_->suppressHeader("Content-Type");
   easy_->applyHeaders();
 
+  const double seconds = std::clamp(request.timeoutInterval, kMinimumTimeoutInterval, kMaximumTimeoutInterval);
   idleTimeout = request.timeoutInterval > 0
-                    ? std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(request.timeoutInterval))
+                    ? std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))
                     : Clock::duration::zero();
 }
 
@@ -208,6 +253,15 @@ std::size_t SessionTransfer::onBody(char* data, std::size_t size, std::size_t co
   return of(easy).receiveBody(data, size * count);
 }
 
+int SessionTransfer::onDebug(CURL*, curl_infotype type, char* data, std::size_t size, void* easy) {
+  // Also called while no transfer owns the handle (a cached connection closing).
+  if (type == CURLINFO_TEXT && static_cast<EasyHandle*>(easy)->owner() != nullptr &&
+      std::string_view(data, size).starts_with(kExcessText)) {
+    of(easy).excessBody_ = true;
+  }
+  return 0;
+}
+
 int SessionTransfer::onProgress(void* easy, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded) {
   SessionTransfer* transfer = &of(easy);
   if (uploaded != transfer->uploaded_) {
@@ -221,10 +275,16 @@ std::size_t SessionTransfer::receiveHeader(std::string_view line) {
   markActive();
   if (response_) return line.size();  // trailers of the final answer
   if (line.starts_with("HTTP/")) {
-    // An answer starts: drop the lines of an interim answer or a redirect that came
-    // before. The lines are parsed only if someone reads the fields.
+    // An answer starts: drop the lines of an interim answer that came before. The
+    // lines are parsed only if someone reads the fields.
     fieldLines_.clear();
     fieldLines_.reserve(kTypicalHeaderBytes);
+    headEnded_ = false;
+  } else if (line == "\r\n" || line == "\n") {
+    headEnded_ = true;
+    long status = 0;
+    curl_easy_getinfo(easy_->get(), CURLINFO_RESPONSE_CODE, &status);
+    redirecting_ = isFollowedRedirect(status) && HTTPHeaders::firstValueInFieldLines(fieldLines_, "Location");
   } else {
     fieldLines_.append(line);
   }
@@ -246,9 +306,11 @@ ErrorPtr SessionTransfer::takeResponse() {
   } else if (effectiveURL != nullptr) {
     url = URL::URLWithString(effectiveURL);
   }
+  ErrorPtr unframed = framingErrorOfHead();
   auto response = HTTPResponse::withFieldLines(std::move(url), static_cast<int>(status), std::move(fieldLines_));
   fieldLines_.clear();  // a moved-from string holds nothing specified
   response_ = response;
+  if (unframed) return unframed;
 
   // A decoded body has another length than the one announced.
   const std::int64_t bodyLength = contentLength >= 0 && !response->isContentEncoded() ? contentLength : -1;
@@ -266,8 +328,19 @@ ErrorPtr SessionTransfer::takeResponse() {
   return error;
 }
 
+ErrorPtr SessionTransfer::framingErrorOfHead() const {
+  const auto length = HTTPHeaders::firstValueInFieldLines(fieldLines_, "Content-Length");
+  if (length && !isValidContentLength(*length)) {
+    return makeTransportError(kURLErrorBadServerResponse,
+                              "The answer's Content-Length \"" + std::string(*length) + "\" is not a byte count.",
+                              failingURL());
+  }
+  return nullptr;
+}
+
 std::size_t SessionTransfer::receiveBody(const char* data, std::size_t length) {
   markActive();
+  if (redirecting_) return length;  // the redirect's own body: nobody reads it
   if (!response_) {
     if ((abortError_ = takeResponse())) return CURL_WRITEFUNC_ERROR;
   }
@@ -312,11 +385,23 @@ bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexc
         error = makeTransportError(kURLErrorTimedOut, "The request timed out.", failingURL());
         break;
       case TransferWorker::EndReason::Done:
-        error = outcomeOfExchange(code);
+        if (code == CURLE_OK && redirecting_) {
+          error = followRedirect();
+          if (!error) {
+            easy_ = nullptr;
+            return true;
+          }
+        } else {
+          error = outcomeOfExchange(code);
+        }
         break;
     }
     easy_ = nullptr;  // back to the worker once this returns; a restart gets one anew
-    if (reason == TransferWorker::EndReason::Done && sink().shouldRestart()) return true;
+    if (reason == TransferWorker::EndReason::Done && sink().shouldRestart()) {
+      redirected_.reset();  // the sink starts over from the original request
+      redirects_ = 0;
+      return true;
+    }
     if (!error && hasUploadProgress_ && uploaded_ > 0) reportUpload(uploaded_, uploadTotal_, true);
     conclude(std::move(error), cancelled);
   } catch (const std::exception& failure) {
@@ -332,7 +417,7 @@ bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexc
 
 ErrorPtr SessionTransfer::outcomeOfExchange(CURLcode code) {
   ErrorPtr error;
-  if (!response_ && easy_) {
+  if (!response_ && easy_ && !redirecting_) {
     long status = 0;
     curl_easy_getinfo(easy_->get(), CURLINFO_RESPONSE_CODE, &status);
     // An answer without a body (HEAD, 204) has not met the write callback.
@@ -343,8 +428,56 @@ ErrorPtr SessionTransfer::outcomeOfExchange(CURLcode code) {
   }
   if (code != CURLE_OK) {
     error = abortError_ ? abortError_ : makeCurlError(code, easy_ ? easy_->errorText() : "", failingURL());
+  } else if (!headEnded_) {
+    // libcurl takes a connection closed inside the head for the end of the answer.
+    error = makeTransportError(kURLErrorNetworkConnectionLost,
+                               "The connection closed before the answer's head was complete.", failingURL());
+  } else if (excessBody_) {
+    error = makeTransportError(kURLErrorBadServerResponse, "The answer's body is longer than its Content-Length.",
+                               failingURL());
   }
   return error;
+}
+
+ErrorPtr SessionTransfer::followRedirect() {
+  if (++redirects_ > kMaximumRedirects) {
+    return makeTransportError(kURLErrorHTTPTooManyRedirects,
+                              "More than " + std::to_string(kMaximumRedirects) + " redirects.", failingURL());
+  }
+  char* location = nullptr;
+  curl_easy_getinfo(easy_->get(), CURLINFO_REDIRECT_URL, &location);
+  std::optional<URL> url = location != nullptr ? URL::URLWithString(location) : std::nullopt;
+  if (!url) {
+    return makeTransportError(kURLErrorBadServerResponse, "The redirect names no valid location.", failingURL());
+  }
+  if (!isWebURL(*url)) {
+    return makeTransportError(kURLErrorUnsupportedURL,
+                              "The redirect leads to " + url->absoluteString() + ", which is not an http or https URL.",
+                              failingURL());
+  }
+  long status = 0;
+  curl_easy_getinfo(easy_->get(), CURLINFO_RESPONSE_CODE, &status);
+  auto next = std::make_shared<URLRequest>(*sent_);
+  // 303 asks for another resource, fetched (or its head read) whatever the method was;
+  // 301 and 302 turn a POST into a GET as every browser does. 307 and 308 repeat the
+  // request as it was.
+  const std::string& method = sent_->HTTPMethod;
+  if ((status == 303 && method != "HEAD") || ((status == 301 || status == 302) && method == "POST")) {
+    next->HTTPMethod = "GET";
+    next->HTTPBody.reset();
+    next->allHTTPHeaderFields.remove("Content-Type");
+    next->allHTTPHeaderFields.remove("Content-Length");
+  }
+  // Credentials go to the origin they were given for only.
+  const URL& from = *sent_->url;
+  if (!sameLetters(from.scheme(), url->scheme()) || !sameLetters(from.host(), url->host()) ||
+      from.port() != url->port()) {
+    next->allHTTPHeaderFields.remove("Authorization");
+    next->allHTTPHeaderFields.remove("Cookie");
+  }
+  next->url = std::move(url);
+  redirected_ = std::move(next);
+  return nullptr;
 }
 
 void SessionTransfer::conclude(ErrorPtr error, bool cancelled) {

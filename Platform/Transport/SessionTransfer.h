@@ -128,7 +128,7 @@ class SessionTransfer : public TransferWorker::Transfer, public std::enable_shar
   bool start(EasyHandle& easy) noexcept override;
 
   // Worker thread: sets the options that every exchange shares on a new easy handle
-  // (protocols, redirects, decoding, cookies through `share`, the callbacks).
+  // (protocols, decoding, cookies through `share`, the callbacks).
   static void prepareHandle(EasyHandle& easy, CURLSH* share);
   bool end(TransferWorker::EndReason reason, CURLcode code) noexcept override;
 
@@ -143,13 +143,22 @@ class SessionTransfer : public TransferWorker::Transfer, public std::enable_shar
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* easy);
   static int onProgress(void* easy, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploaded);
 
+  static int onDebug(CURL*, curl_infotype type, char* data, std::size_t size, void* easy);
+
   // Worker thread.
+  // Why `request` may not be sent (absent: it may).
+  ErrorPtr refusalOf(const URLRequest& request) const;
   void configure(const URLRequest& request);
   std::size_t receiveHeader(std::string_view line);
   std::size_t receiveBody(const char* data, std::size_t length);
   ErrorPtr takeResponse();
+  // Why the head just received frames its body unreadably (absent: it does not).
+  ErrorPtr framingErrorOfHead() const;
   // The error of an exchange libcurl finished with `code`; absent on success.
   ErrorPtr outcomeOfExchange(CURLcode code);
+  // After a redirect answer ended: makes the request that follows it the next one
+  // sent, or returns why it may not be followed.
+  ErrorPtr followRedirect();
   void reportDownload(bool last);
   void reportUpload(std::int64_t sent, std::int64_t total, bool last);
   // The exchange is over: lets the sink finish and queues the completion.
@@ -175,7 +184,12 @@ class SessionTransfer : public TransferWorker::Transfer, public std::enable_shar
   // Worker thread (or the cancelling thread of a task that never started).
   EasyHandle* easy_ = nullptr;  // the worker's, lent from start() until end() returns
   SharedRequest sent_;
-  std::string fieldLines_;  // the header lines of the answer coming in
+  SharedRequest redirected_;  // sent instead of the original request; null: none
+  int redirects_ = 0;         // followed since the original request was sent
+  std::string fieldLines_;    // the header lines of the answer coming in
+  bool headEnded_ = false;    // the blank line that ends those lines arrived
+  bool redirecting_ = false;  // that answer is a redirect to follow; its body is dropped
+  bool excessBody_ = false;   // more body bytes came than the head declared
   std::shared_ptr<const HTTPResponse> response_;
   ErrorPtr abortError_;
   std::int64_t expectedLength_ = -1;

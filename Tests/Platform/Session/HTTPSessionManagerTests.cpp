@@ -167,38 +167,6 @@ TEST_F(DataTaskTest, EachExchangeSendsItsOwnMethodAndBodyOneAfterAnotherOrConcur
   for (const auto& recorded : server.requests()) EXPECT_FALSE(recorded.header("Expect").has_value());
 }
 
-TEST_F(DataTaskTest, TransportFailuresMapToTheirURLErrorsAndNameTheFailingURL) {
-  TestServer::Options untrusted;  // a self-signed certificate for 127.0.0.1, valid for a century
-  untrusted.certificateFile = untrusted.privateKeyFile = VKQ_SOURCE_DIR "/Tests/Support/untrusted-127.0.0.1.pem";
-  TestServer tls(untrusted);
-  TestServer closed;
-  const std::string closedURL = closed.url("/gone");
-  closed.stop();
-  server.answer("/cut", ScriptedAnswer(200, std::string(4096, 'x')).dropAfter(1000));
-  server.answer("/loop", ScriptedAnswer(302).header("Location", "/loop"));
-  server.answer("/silent", ScriptedAnswer().neverAnswer());
-  URLRequest injecting = makeRequest(server.url("/injected"));
-  injecting.setValueForHTTPHeaderField("a\r\nInjected: 1", "X-Bad");
-  const std::pair<URLRequest, std::int64_t> cases[] = {
-      {makeRequest(closedURL), platform::kURLErrorCannotConnectToHost},
-      {makeRequest("ftp://127.0.0.1/file"), platform::kURLErrorUnsupportedURL},
-      {URLRequest{}, platform::kURLErrorBadURL},  // no URL at all
-      {injecting, platform::kURLErrorBadURL},     // a line break in a header field: refused before sending
-      {makeRequest(server.url("/cut")), platform::kURLErrorNetworkConnectionLost},
-      {makeRequest(server.url("/loop")), platform::kURLErrorHTTPTooManyRedirects},  // followed, up to a limit
-      {makeRequest(server.url("/silent"), 0.5), platform::kURLErrorTimedOut},
-      {makeRequest(tls.url("/secret")), platform::kURLErrorServerCertificateUntrusted},  // peers are verified
-  };
-  for (const auto& [request, code] : cases) {
-    const platform::ErrorPtr error = run(request).error;
-    ASSERT_EQ(codeOf(error), code);
-    const auto url = request.url ? std::optional(request.url->absoluteString()) : std::nullopt;
-    EXPECT_EQ(error->userInfo().failingURL, url) << code;
-  }
-  for (const auto& recorded : server.requests()) EXPECT_NE(recorded.path, "/injected");
-  EXPECT_EQ(tls.requestCount(), 0u);
-}
-
 TEST_F(DataTaskTest, ThrowingHandlersAndAHandlerHoldingTheLastReferenceToTheManagerDoNoHarm) {
   server.answer("/a", ScriptedAnswer(200, "a"));
   Outcomes<DataOutcome> held;
