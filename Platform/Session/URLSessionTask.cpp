@@ -53,6 +53,11 @@ std::int64_t URLSessionTask::countOfBytesReceived() const {
   return record_.bytesReceived.load(std::memory_order_relaxed);
 }
 
+URLSessionTaskMetrics URLSessionTask::metrics() const {
+  std::lock_guard lock(record_.mutex);
+  return record_.metrics;
+}
+
 URLSessionDataTask::URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer)
     : URLSessionTask(std::move(transfer)) {}
 

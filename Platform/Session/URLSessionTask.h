@@ -23,6 +23,7 @@
 #include "Platform/Base/Error.h"
 #include "Platform/HTTP/HTTPResponse.h"
 #include "Platform/HTTP/URLRequest.h"
+#include "Platform/Session/URLSessionTaskMetrics.h"
 
 namespace vkq::platform {
 
@@ -67,6 +68,9 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   // Body bytes received so far (after content decoding; for a resumed download,
   // including the bytes that were already on disk).
   std::int64_t countOfBytesReceived() const;
+  // Timings and counts of the task's exchanges so far (URLSessionTaskMetrics.h);
+  // complete once the completion handler runs.
+  URLSessionTaskMetrics metrics() const;
 
  protected:
   // Made by the session manager; `transfer` carries out the exchange.

@@ -21,6 +21,10 @@ class DataTaskBody final : public BodySink {
   ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;
   ErrorPtr didReceiveData(const char* data, std::size_t length) override;
   ErrorPtr didFinish(ErrorPtr error, bool cancelled) override;
+  bool prepareRetry() override {
+    body_.clear();
+    return true;
+  }
   std::int64_t length() const override { return static_cast<std::int64_t>(body_.size()); }
 
   ErrorPtr settle(const std::shared_ptr<const HTTPResponse>& response, ErrorPtr error) override;

@@ -64,6 +64,7 @@ class DownloadTaskBody final : public BodySink {
   ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;
   ErrorPtr didReceiveData(const char* data, std::size_t length) override;
   bool shouldRestart() override;
+  bool prepareRetry() override { return false; }
   ErrorPtr didFinish(ErrorPtr error, bool cancelled) override;
   std::int64_t length() const override { return written_; }
 

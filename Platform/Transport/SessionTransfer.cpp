@@ -6,6 +6,7 @@
 
 #include "Platform/Base/Assert.h"
 #include "Platform/Transport/CurlErrors.h"
+#include "Platform/Transport/ExchangeMetrics.h"
 #include "Platform/Transport/SessionEngine.h"
 
 namespace vkq::platform {
@@ -87,7 +88,8 @@ SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, S
       hasDownloadProgress_(static_cast<bool>(options.downloadProgress)),
       receiveBufferSize_(options.receiveBufferSize),
       uploadProgress_(std::move(options.uploadProgress)),
-      downloadProgress_(std::move(options.downloadProgress)) {}
+      downloadProgress_(std::move(options.downloadProgress)),
+      retrier_(request_ ? request_->retryPolicy : RetryPolicy{}, request_ ? request_->HTTPMethod : "GET") {}
 
 SessionTransfer::~SessionTransfer() = default;
 
@@ -171,6 +173,12 @@ bool SessionTransfer::start(EasyHandle& easy) noexcept {
       record_.currentRequest = request;
     }
     sent_ = std::move(request);
+    if (!deadlineSet_ && sent_->deadlineInterval) {
+      const double seconds = std::clamp(*sent_->deadlineInterval, kMinimumTimeoutInterval, kMaximumTimeoutInterval);
+      deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    }
+    deadlineSet_ = true;
+    startedFrom_ = sink().length();
     fieldLines_.clear();
     headEnded_ = redirecting_ = excessBody_ = false;
     response_.reset();
@@ -388,6 +396,7 @@ bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexc
         if (code == CURLE_OK && redirecting_) {
           error = followRedirect();
           if (!error) {
+            recordMetrics();
             easy_ = nullptr;
             return true;
           }
@@ -396,7 +405,9 @@ bool SessionTransfer::end(TransferWorker::EndReason reason, CURLcode code) noexc
         }
         break;
     }
+    recordMetrics();
     easy_ = nullptr;  // back to the worker once this returns; a restart gets one anew
+    if (!cancelled && retry(error)) return true;
     if (reason == TransferWorker::EndReason::Done && sink().shouldRestart()) {
       redirected_.reset();  // the sink starts over from the original request
       redirects_ = 0;
@@ -478,6 +489,26 @@ ErrorPtr SessionTransfer::followRedirect() {
   next->url = std::move(url);
   redirected_ = std::move(next);
   return nullptr;
+}
+
+bool SessionTransfer::retry(const ErrorPtr& error) {
+  const bool answered = response_ && !abortError_;
+  if (!error && !answered) return false;
+  const auto wait = retrier_.retryAfter(error, answered ? response_.get() : nullptr, deadline);
+  if (!wait || !sink().prepareRetry()) return false;
+  restartDelay = *wait;
+  redirected_.reset();  // the retry starts over from the original request
+  redirects_ = 0;
+  std::lock_guard lock(record_.mutex);
+  record_.metrics.retries = retrier_.retries();
+  return true;
+}
+
+void SessionTransfer::recordMetrics() {
+  if (easy_ == nullptr) return;  // no exchange took place
+  std::lock_guard lock(record_.mutex);
+  recordExchangeMetrics(easy_->get(), record_.metrics);
+  record_.metrics.resumedFromByte = startedFrom_;
 }
 
 void SessionTransfer::conclude(ErrorPtr error, bool cancelled) {

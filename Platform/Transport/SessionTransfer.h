@@ -24,12 +24,14 @@
 #include <string>
 
 #include "Platform/Transport/CurlHandles.h"
+#include "Platform/Transport/ExchangeRetrier.h"
 #include "Platform/Base/Error.h"
 #include "Platform/HTTP/HTTPResponse.h"
 #include "Platform/Base/Progress.h"
 #include "Platform/Transport/TransferWorker.h"
 #include "Platform/HTTP/URLRequest.h"
 #include "Platform/Session/URLSessionTask.h"
+#include "Platform/Session/URLSessionTaskMetrics.h"
 
 namespace vkq::platform {
 
@@ -59,6 +61,7 @@ struct TaskRecord {
   ErrorPtr error;                                               // guarded by mutex
   // Written by the worker as data arrives, read by anyone.
   std::atomic<std::int64_t> bytesReceived{0};
+  URLSessionTaskMetrics metrics;  // guarded by mutex; written by the worker after each exchange
 
  private:
   URLSessionTaskState state_ = URLSessionTaskState::Suspended;
@@ -85,6 +88,10 @@ class BodySink {
   // After an exchange that ended without a transport error: true to send the request
   // again from scratch.
   virtual bool shouldRestart() { return false; }
+  // The failed exchange is to be sent again (a retry): drops what it received, or keeps
+  // it for the next exchange to continue (willSend() then asks for the rest). False
+  // when the sink cannot take another exchange; the failure then stands.
+  virtual bool prepareRetry() = 0;
   // The exchange is over (`error` absent on success); returns the outcome's error.
   virtual ErrorPtr didFinish(ErrorPtr error, bool cancelled) = 0;
   // Body bytes held, from the start of the entity.
@@ -161,6 +168,11 @@ class SessionTransfer : public TransferWorker::Transfer, public std::enable_shar
   ErrorPtr followRedirect();
   void reportDownload(bool last);
   void reportUpload(std::int64_t sent, std::int64_t total, bool last);
+  // After an exchange that failed (not cancelled): readies the next one and returns
+  // true when the request is to be sent again, after restartDelay.
+  bool retry(const ErrorPtr& error);
+  // Adds the exchange that just ended to the task's metrics.
+  void recordMetrics();
   // The exchange is over: lets the sink finish and queues the completion.
   void conclude(ErrorPtr error, bool cancelled);
   // Completion queue.
@@ -184,6 +196,9 @@ class SessionTransfer : public TransferWorker::Transfer, public std::enable_shar
   // Worker thread (or the cancelling thread of a task that never started).
   EasyHandle* easy_ = nullptr;  // the worker's, lent from start() until end() returns
   SharedRequest sent_;
+  ExchangeRetrier retrier_;
+  std::int64_t startedFrom_ = 0;  // body bytes the sink held when the exchange started
+  bool deadlineSet_ = false;
   SharedRequest redirected_;  // sent instead of the original request; null: none
   int redirects_ = 0;         // followed since the original request was sent
   std::string fieldLines_;    // the header lines of the answer coming in

@@ -112,9 +112,9 @@ std::string FaultServer::url(std::string_view path) const {
   return "http://127.0.0.1:" + std::to_string(port_) + std::string(path);
 }
 
-void FaultServer::answer(std::string path, FaultAnswer answer) {
+void FaultServer::answerInTurn(std::string path, std::deque<FaultAnswer> answers) {
   std::lock_guard lock(mutex_);
-  answers_.insert_or_assign(std::move(path), std::move(answer));
+  answers_.insert_or_assign(std::move(path), std::move(answers));
 }
 
 std::vector<FaultRequest> FaultServer::requests() const {
@@ -150,7 +150,10 @@ void FaultServer::serve(int client) {
   {
     std::lock_guard lock(mutex_);
     const std::string_view path = std::string_view(request->target).substr(0, request->target.find('?'));
-    if (const auto found = answers_.find(path); found != answers_.end()) answer = found->second;
+    if (const auto found = answers_.find(path); found != answers_.end() && !found->second.empty()) {
+      answer = found->second.front();
+      if (found->second.size() > 1) found->second.pop_front();
+    }
     // The head only, as for any HEAD request, unless the answer is cut anyway.
     if (request->method == "HEAD" && !answer.closeAfter && answer.bytes.find("\r\n\r\n") != std::string::npos) {
       answer.cutAfter("\r\n\r\n");

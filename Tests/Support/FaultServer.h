@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -80,7 +81,9 @@ class FaultServer {
   // "http://127.0.0.1:<port>" + `path`.
   std::string url(std::string_view path) const;
   // The answer to every request for `path` from now on.
-  void answer(std::string path, FaultAnswer answer);
+  void answer(std::string path, FaultAnswer answer) { answerInTurn(std::move(path), {std::move(answer)}); }
+  // The answers to the next requests for `path`, one each; the last one then stays.
+  void answerInTurn(std::string path, std::deque<FaultAnswer> answers);
   std::vector<FaultRequest> requests() const;
 
  private:
@@ -96,7 +99,7 @@ class FaultServer {
   int stopEvent_ = -1;  // an eventfd, readable once the server stops
   int port_ = 0;
   mutable std::mutex mutex_;
-  std::map<std::string, FaultAnswer, std::less<>> answers_;  // guarded by mutex_
+  std::map<std::string, std::deque<FaultAnswer>, std::less<>> answers_;  // guarded by mutex_
   std::vector<FaultRequest> requests_;                       // guarded by mutex_
   std::thread thread_;
 };
