@@ -155,6 +155,7 @@ void VKQNetworkAgent::handleRequestResult(const std::shared_ptr<URLSessionTask>&
     DDDebug("response decoding failed, reason = ", e.what());
     result = VKQVeskResult::resultWithErrorCode(VKQResponseCodeHTTPError, request);
   }
+  if (result) result->setMetrics(task->metrics());
   MainQueue::async([this, taskIdentifier = task->taskIdentifier(), request, result = std::move(result)] {
     deliverResult(taskIdentifier, request, result);
   });

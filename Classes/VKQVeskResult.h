@@ -9,6 +9,7 @@
 
 #include "Classes/VKQResponseCode.h"
 #include "Platform/Serialization/Object.h"
+#include "Platform/Session/URLSessionTaskMetrics.h"
 
 class VKQVeskRequest;
 
@@ -35,6 +36,12 @@ class VKQVeskResult {
   const std::shared_ptr<VKQVeskRequest>& request() const { return request_; }
   void setRequest(std::shared_ptr<VKQVeskRequest> request) { request_ = std::move(request); }
 
+  // How the exchange went: timings, bytes, HTTP version, connection reuse, retries and
+  // the byte a download resumed from. As far as the exchange got, also for failures;
+  // all steps unreached (-1) for a request that failed before anything was sent.
+  const vkq::platform::URLSessionTaskMetrics& metrics() const { return metrics_; }
+  void setMetrics(vkq::platform::URLSessionTaskMetrics metrics) { metrics_ = std::move(metrics); }
+
   // "errorCode = (<code>), errorMsg = (<msg>)", also for a success.
   std::string description() const;
   std::string debugDescription() const { return description(); }
@@ -43,4 +50,5 @@ class VKQVeskResult {
   std::shared_ptr<VKQResponseCode> responseCode_;
   vkq::platform::Object data_;
   std::shared_ptr<VKQVeskRequest> request_;
+  vkq::platform::URLSessionTaskMetrics metrics_;
 };
