@@ -18,8 +18,13 @@ Invocation parseLine(std::vector<std::string> arguments) { return parseCommandLi
 TEST(CommandLine, FollowsTheOptionRules) {
   // Both spellings, options among positionals, a repeatable option in order, "-" as a
   // value, and everything after "--" positional.
-  const auto download = std::get<DownloadCommand>(parseLine({"download", "--timeout=5", "u", "--", "-p"}).command);
-  EXPECT_EQ(std::tuple(download.url, download.path, download.timeout), std::tuple("u", "-p", 5.0));
+  const auto download = std::get<DownloadCommand>(
+      parseLine({"download", "--timeout=5", "u", "--retries", "3", "--max-time", "9", "--metrics", "--", "-p"})
+          .command);
+  const auto& exchange = download.exchange;
+  EXPECT_EQ(std::tuple(download.url, download.path, exchange.timeout, exchange.retries, exchange.maxTime,
+                       exchange.metrics),
+            std::tuple("u", "-p", 5.0, 3, 9.0, true));
   const auto kxp = std::get<KXPCommand>(
       parseLine({"kxp", "--header=A: b", "u", "--data-file", "-", "--header", "C: d"}).command);
   EXPECT_THAT(kxp.headers, ::testing::ElementsAre(std::pair<std::string, std::string>("A", "b"),
@@ -62,7 +67,7 @@ TEST(CommandLine, KXPOptionsChangeEveryFrameSetting) {
                        f.releaseVersion, f.nonProtocol),
             std::tuple(0x5A, 2, 0, false, false, "com.x", -2, true));
   EXPECT_THAT(command.headers, ::testing::ElementsAre(std::pair<std::string, std::string>("X-A", "1")));
-  EXPECT_EQ(std::tuple(command.timeout, command.output, invocation.verbose), std::tuple(2.5, "out.bin", true));
+  EXPECT_EQ(std::tuple(command.exchange.timeout, command.output, invocation.verbose), std::tuple(2.5, "out.bin", true));
 }
 
 TEST(CommandLine, MistakesNameTheProblemAndShowTheUsageButHelpWinsOverThem) {
@@ -83,6 +88,8 @@ TEST(CommandLine, MistakesNameTheProblemAndShowTheUsageButHelpWinsOverThem) {
       {{"json", "u", "--arg", "{oops"}, "--arg is not valid JSON"},
       {{"json", "u", "--user", "me"}, "--user and --password go together"},
       {{"download", "u"}, "PATH is required"},
+      {{"download", "u", "p", "--retry-non-idempotent"}, "not expected: --retry-non-idempotent"},
+      {{"json", "u", "--retries", "101"}, "--retries must be a number from 0 to 100"},
       {{"serve", "--port", "65536"}, "--port must be a number from 0 to 65535"},
   };
   for (const auto& [arguments, message] : cases) {

@@ -69,12 +69,33 @@ std::optional<std::string> serverExplanation(const vkq::platform::Error& error) 
   return text.empty() ? std::nullopt : std::optional(text);
 }
 
-// Prints why a request failed; the exit status for its outcome.
-int conclude(const ExchangeOutcome& result, const VKQVeskRequest& request) {
+void applyExchangeOptions(ToolVesk& vesk, const ExchangeOptions& exchange) {
+  vesk.setTimeoutInterval(exchange.timeout);
+  vesk.maximumRetryCountPromise()(exchange.retries)
+      ->retriesNonIdempotentRequestsPromise()(exchange.retryNonIdempotent)
+      ->requestDeadlineIntervalPromise()(exchange.maxTime);
+}
+
+// The result's metrics as one line of JSON.
+std::string metricsLine(const vkq::platform::URLSessionTaskMetrics& m) {
+  const nlohmann::json line = {
+      {"name_lookup_s", m.nameLookup},  {"connect_s", m.connect},       {"tls_s", m.secureConnect},
+      {"request_sent_s", m.requestSent}, {"first_byte_s", m.firstByte}, {"total_s", m.total},
+      {"bytes_sent", m.bytesSent},       {"bytes_received", m.bytesReceived},
+      {"http_version", m.httpVersion},   {"reused_connection", m.reusedConnection},
+      {"retries", m.retries},            {"resumed_from_byte", m.resumedFromByte},
+  };
+  return line.dump();
+}
+
+// Prints why a request failed, and its metrics when asked; the exit status for its
+// outcome.
+int conclude(const ExchangeOutcome& result, const VKQVeskRequest& request, const ExchangeOptions& exchange) {
   if (!result) {
     std::cerr << "vkq: interrupted\n";
     return kExitInterrupted;
   }
+  if (exchange.metrics) std::cerr << metricsLine(result->metrics()) << "\n";
   const std::int64_t code = result->responseCode()->code();
   if (code != 0) {
     std::cerr << "vkq: " << result->responseCode()->msg().value_or("unknown error") << " (code " << code << ")\n";
@@ -104,11 +125,11 @@ int Client::run(const KXPCommand& command) const {
   VKQHeaderDictionary headers{{"Content-Type", "application/octet-stream"}};
   addHeaders(headers, command.headers);
   vesk->setHeaders(std::move(headers));
-  vesk->setTimeoutInterval(command.timeout);
+  applyExchangeOptions(*vesk, command.exchange);
 
   const auto result = runExchange(
       vesk, [&](VKQVeskRequest::ResultBlock done) { vesk->requestCompletion(std::move(done)); }, interrupted_);
-  const int status = conclude(result, *vesk);
+  const int status = conclude(result, *vesk, command.exchange);
   if (status != kExitSuccess) return status;
   if (!result->data().isData()) return kExitSuccess;
   if (!writeOutput(command.output, *result->data().data())) {
@@ -132,11 +153,11 @@ int Client::run(const JSONCommand& command) const {
     vesk->setHeaders(std::move(headers));
   }
   vesk->setCredentials(command.credentials);
-  vesk->setTimeoutInterval(command.timeout);
+  applyExchangeOptions(*vesk, command.exchange);
 
   const auto result = runExchange(
       vesk, [&](VKQVeskRequest::ResultBlock done) { vesk->requestCompletion(std::move(done)); }, interrupted_);
-  const int status = conclude(result, *vesk);
+  const int status = conclude(result, *vesk, command.exchange);
   if (status == kExitSuccess && result->data().isJSON()) {
     std::cout << result->data().json().dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
   }
@@ -160,7 +181,7 @@ int Client::run(const DownloadCommand& command) const {
       ->nonProtocolPromise()();
   vesk->GET();
   vesk->setUrl(command.url);
-  vesk->setTimeoutInterval(command.timeout);
+  applyExchangeOptions(*vesk, command.exchange);
 
   // Shared with the transport's threads, which may report progress until they stop.
   auto bar = std::make_shared<ProgressBar>(stderr);
@@ -172,7 +193,7 @@ int Client::run(const DownloadCommand& command) const {
       },
       interrupted_);
   bar->finish();
-  const int status = conclude(result, *vesk);
+  const int status = conclude(result, *vesk, command.exchange);
   if (status == kExitSuccess) {
     const std::string saved = result->data().isURL() ? result->data().url().filePath() : path.string();
     std::cerr << "vkq: saved " << saved << "\n";

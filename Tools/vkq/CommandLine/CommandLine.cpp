@@ -45,7 +45,11 @@ class GivenOptions {
     app_.add_flag(name, help)->group(group);
   }
 
-  bool has(const std::string& name) const { return app_.count(name) > 0; }
+  // False also for an option the subcommand does not take.
+  bool has(const std::string& name) const {
+    const CLI::Option* option = app_.get_option_no_throw(name);
+    return option != nullptr && option->count() > 0;
+  }
   std::optional<std::string> value(const std::string& name) const {
     if (!has(name)) return std::nullopt;
     return texts_.at(name);
@@ -70,8 +74,13 @@ void declareFrameOptions(GivenOptions& options) {
   options.flag("--non-protocol", "send and receive raw bytes, no frame", kFrameGroup);
 }
 
-void declareTimeout(GivenOptions& options) {
+// The options of every request subcommand; `retryingPosts` for those that send POSTs.
+void declareExchangeOptions(GivenOptions& options, bool retryingPosts) {
   options.option("--timeout", "SECONDS", "time-out of the request (default 60)");
+  options.option("--retries", "N", "send again up to N times after a lost connection, time-out or 408/429/5xx");
+  if (retryingPosts) options.flag("--retry-non-idempotent", "let --retries repeat a POST or PATCH");
+  options.option("--max-time", "SECONDS", "give up after SECONDS in all, retries included");
+  options.flag("--metrics", "print the exchange's timings and counts as JSON on standard error");
 }
 
 // The settings of a KXP request with the library's defaults, changed by the options.
@@ -112,9 +121,14 @@ HeaderFields parseHeaders(const GivenOptions& parsed) {
   return headers;
 }
 
-std::optional<double> parseTimeout(const GivenOptions& parsed) {
-  if (auto timeout = parsed.value("--timeout")) return parseSeconds(*timeout, "--timeout");
-  return std::nullopt;
+ExchangeOptions parseExchangeOptions(const GivenOptions& parsed) {
+  ExchangeOptions exchange;
+  if (auto timeout = parsed.value("--timeout")) exchange.timeout = parseSeconds(*timeout, "--timeout");
+  if (auto retries = parsed.value("--retries")) exchange.retries = static_cast<int>(parseInteger(*retries, 0, 100, "--retries"));
+  exchange.retryNonIdempotent = parsed.has("--retry-non-idempotent");
+  if (auto maxTime = parsed.value("--max-time")) exchange.maxTime = parseSeconds(*maxTime, "--max-time");
+  exchange.metrics = parsed.has("--metrics");
+  return exchange;
 }
 
 KXPCommand parseKXP(const GivenOptions& parsed) {
@@ -127,7 +141,7 @@ KXPCommand parseKXP(const GivenOptions& parsed) {
   }
   command.frame = parseFrameSettings(parsed);
   command.headers = parseHeaders(parsed);
-  command.timeout = parseTimeout(parsed);
+  command.exchange = parseExchangeOptions(parsed);
   command.output = parsed.value("--output");
   return command;
 }
@@ -163,12 +177,12 @@ JSONCommand parseJSON(const GivenOptions& parsed) {
   auto password = parsed.value("--password");
   if (user.has_value() != password.has_value()) throw UsageError("--user and --password go together");
   if (user) command.credentials.emplace(*user, *password);
-  command.timeout = parseTimeout(parsed);
+  command.exchange = parseExchangeOptions(parsed);
   return command;
 }
 
 DownloadCommand parseDownload(const GivenOptions& parsed) {
-  return DownloadCommand{*parsed.value("URL"), *parsed.value("PATH"), parseTimeout(parsed)};
+  return DownloadCommand{*parsed.value("URL"), *parsed.value("PATH"), parseExchangeOptions(parsed)};
 }
 
 ServeCommand parseServe(const GivenOptions& parsed) {
@@ -205,7 +219,7 @@ const std::array<Subcommand, 4> kSubcommands{{
        o.option("--data-file", "FILE", "the payload from FILE (\"-\": standard input)");
        o.option("--output", "FILE", "write the payload to FILE instead of standard output");
        o.repeatable("--header", "\"Name: value\"", "an extra header field (repeatable)");
-       declareTimeout(o);
+       declareExchangeOptions(o, true);
        declareFrameOptions(o);
      },
      [](const GivenOptions& o) -> Command { return parseKXP(o); }},
@@ -217,7 +231,7 @@ const std::array<Subcommand, 4> kSubcommands{{
        o.repeatable("--header", "\"Name: value\"", "an extra header field (repeatable)");
        o.option("--user", "U", "user name for basic authorization (with --password)");
        o.option("--password", "P", "password for basic authorization (with --user)");
-       declareTimeout(o);
+       declareExchangeOptions(o, true);
      },
      [](const GivenOptions& o) -> Command { return parseJSON(o); }},
     {"download",
@@ -226,7 +240,7 @@ const std::array<Subcommand, 4> kSubcommands{{
      [](GivenOptions& o) {
        o.positional("URL", "what to download");
        o.positional("PATH", "the file to write, or the folder to write it in");
-       declareTimeout(o);
+       declareExchangeOptions(o, false);
      },
      [](const GivenOptions& o) -> Command { return parseDownload(o); }},
     {"serve",

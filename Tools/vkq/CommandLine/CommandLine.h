@@ -29,6 +29,15 @@ namespace vkq::tool {
 // "Name: value" header fields, in command-line order.
 using HeaderFields = std::vector<std::pair<std::string, std::string>>;
 
+// How a request subcommand runs its exchange.
+struct ExchangeOptions {
+  std::optional<double> timeout;  // idle time-out in seconds; absent: the request's default
+  int retries = 0;                // exchanges after a first one that failed retryably
+  bool retryNonIdempotent = false;  // retries for POST and PATCH too (so for every KXP request)
+  std::optional<double> maxTime;  // seconds the whole request may take; absent: no limit
+  bool metrics = false;           // print the result's metrics as one JSON line on standard error
+};
+
 struct KXPCommand {
   std::string url;
   // Exactly one of the two: the payload text, or the file holding it ("-": stdin).
@@ -36,7 +45,7 @@ struct KXPCommand {
   std::optional<std::string> dataFile;
   VKQKXPFrameSettings frame;  // the request defaults unless options change them
   HeaderFields headers;
-  std::optional<double> timeout;  // seconds; absent: the request's default
+  ExchangeOptions exchange;
   std::optional<std::string> output;  // absent: standard output
 };
 
@@ -47,13 +56,13 @@ struct JSONCommand {
   HeaderFields headers;
   // User name and password, both or neither.
   std::optional<std::pair<std::string, std::string>> credentials;
-  std::optional<double> timeout;
+  ExchangeOptions exchange;
 };
 
 struct DownloadCommand {
   std::string url;
   std::string path;
-  std::optional<double> timeout;
+  ExchangeOptions exchange;
 };
 
 struct ServeCommand {
