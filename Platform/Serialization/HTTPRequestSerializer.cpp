@@ -159,14 +159,21 @@ std::optional<URL> appendingQuery(const URL& url, std::string_view query) {
   return URL::URLWithString(head + std::string(query) + text.substr(fragmentStart));
 }
 
+// The error for a header field that could break the message framing.
+ErrorPtr unsafeHeaderError(std::string_view name) {
+  const std::string shown = percentEncode(name, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
+  ErrorUserInfo info;
+  info.localizedDescription = "The header field \"" + shown +
+                              "\" cannot be sent: its name is empty or holds a colon, or it holds a CR, LF or NUL.";
+  info.localizedFailureReason = info.localizedDescription;
+  return makeError(kURLRequestSerializationErrorDomain, kURLErrorCannotDecodeContentData, std::move(info));
+}
+
 // Refuses a request whose header fields could break the message framing.
 bool checkHeaderSafety(const URLRequest& request, ErrorPtr* error) {
   const std::optional<std::string> invalid = firstInvalidHeaderField(request.allHTTPHeaderFields);
-  if (!invalid) return true;
-  const std::string shown = percentEncode(*invalid, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
-  setError(error, serializationError("The header field \"" + shown +
-                                     "\" cannot be sent: its name is empty or holds a colon, or it holds a CR, LF or NUL."));
-  return false;
+  if (invalid) setError(error, unsafeHeaderError(*invalid));
+  return !invalid;
 }
 
 }  // namespace
@@ -187,8 +194,12 @@ HTTPRequestSerializer::HTTPRequestSerializer() {
 
 HTTPRequestSerializer::~HTTPRequestSerializer() = default;
 
-bool HTTPRequestSerializer::setValue(std::optional<std::string_view> value, std::string_view field) {
-  if (!isValidHeaderField(field, value.value_or(""))) return false;
+bool HTTPRequestSerializer::setValue(std::optional<std::string_view> value, std::string_view field,
+                                     ErrorPtr* error) {
+  if (!isValidHeaderField(field, value.value_or(""))) {
+    setError(error, unsafeHeaderError(field));
+    return false;
+  }
   if (value) {
     headers_.set(field, *value);
   } else {

@@ -53,9 +53,10 @@ class HTTPRequestSerializer {
 
   // Default header fields applied to every request built, unless the request has them.
   const HTTPHeaders& HTTPRequestHeaders() const { return headers_; }
-  // Sets a default field; an absent value removes it. A name or value holding CR, LF
-  // or NUL is refused: nothing is stored and the result is false.
-  bool setValue(std::optional<std::string_view> value, std::string_view field);
+  // Sets a default field; an absent value removes it. A name that is empty or holds a
+  // colon, or a name or value holding CR, LF or NUL, is refused: nothing is stored,
+  // the result is false and `error` (kURLRequestSerializationErrorDomain) names the field.
+  bool setValue(std::optional<std::string_view> value, std::string_view field, ErrorPtr* error = nullptr);
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
   // "Authorization" = "Basic " + base64("username:password").
   void setAuthorizationHeaderFieldWithUsername(std::string_view username, std::string_view password);

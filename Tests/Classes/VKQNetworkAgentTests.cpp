@@ -70,7 +70,14 @@ TEST(VKQNetworkAgentSerializers, PicksTheSerializerByTypeAndConfiguresIt) {
   auto json = agent().requestSerializerForRequest(request);
   EXPECT_NE(std::dynamic_pointer_cast<VKQJSONRequestSerializer>(json), nullptr);
   EXPECT_EQ(json->valueForHTTPHeaderField("Authorization"), "Bearer token");
+  // A field that would break the message is an error that names it, not a field dropped.
+  request->headers = VKQHeaderDictionary{{"X-One", "1"}, {"X-Split", "a\r\nX-Injected: 1"}};
+  vkq::platform::ErrorPtr error;
+  EXPECT_EQ(agent().requestSerializerForRequest(request, &error), nullptr);
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(error->localizedDescription().find("\"X-Split\""), std::string::npos);
   request->requestType = static_cast<VKQRequestSerializerType>(2);
+  request->headers.reset();
   EXPECT_EQ(agent().requestSerializerForRequest(request), nullptr);
 }
 

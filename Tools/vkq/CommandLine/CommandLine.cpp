@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <limits>
 
 #include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/VKQVesk.h"
+#include "Platform/HTTP/HTTPHeaders.h"
+#include "Platform/HTTP/URLRequest.h"
 
 namespace vkq::tool {
 namespace {
@@ -107,14 +110,27 @@ HeaderFields parseHeaders(const ParsedArguments& parsed) {
     }
     std::string value = field.substr(colon + 1);
     value.erase(0, value.find_first_not_of(" \t"));
+    if (!platform::isValidHeaderField(field.substr(0, colon), value)) {
+      throw UsageError("--header \"" + field.substr(0, colon) + "\" holds a line break");
+    }
     headers.emplace_back(field.substr(0, colon), std::move(value));
   }
   return headers;
 }
 
 std::optional<double> parseTimeout(const ParsedArguments& parsed) {
-  if (auto timeout = parsed.value("--timeout")) return parseSeconds(*timeout, "--timeout");
-  return std::nullopt;
+  const auto text = parsed.value("--timeout");
+  if (!text) return std::nullopt;
+  const double seconds = parseSeconds(*text, "--timeout");
+  if (seconds < platform::kMinimumTimeoutInterval || seconds > platform::kMaximumTimeoutInterval) {
+    const auto shown = [](double value) {
+      char digits[32];
+      return std::string(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+    };
+    throw UsageError("--timeout must be from " + shown(platform::kMinimumTimeoutInterval) + " to " +
+                     shown(platform::kMaximumTimeoutInterval) + " seconds, not " + *text);
+  }
+  return seconds;
 }
 
 // The positional arguments, exactly `count` of them, named in `names` for the message.
