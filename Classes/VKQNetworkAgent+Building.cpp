@@ -74,6 +74,7 @@ std::shared_ptr<VKQHTTPRequestSerializer> VKQNetworkAgent::requestSerializerForR
   }
   serializer->setTimeoutInterval(request->requestTimeoutInterval());
   serializer->setAllowsCellularAccess(request->allowsCellularAccess());
+  serializer->setMaximumBodyLength(request->maximumResponseLength());
   // First element the user name, last the password; an empty array names nobody.
   if (const auto credentials = request->requestAuthorizationHeaderFieldArray(); credentials && !credentials->empty()) {
     serializer->setAuthorizationHeaderFieldWithUsername(credentials->front(), credentials->back());

@@ -2,6 +2,7 @@
 // that serializers work on.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -15,6 +16,9 @@ namespace vkq::platform {
 // least, a longer one (infinity included) as the most.
 inline constexpr double kMinimumTimeoutInterval = 0.001;
 inline constexpr double kMaximumTimeoutInterval = 7 * 24 * 60 * 60.0;
+// The longest answer body a data task keeps in memory unless the request says
+// otherwise (64 MiB).
+inline constexpr std::size_t kDefaultMaximumBodyLength = std::size_t{64} << 20;
 
 struct URLRequest {
   std::string HTTPMethod = "GET";
@@ -25,6 +29,10 @@ struct URLRequest {
   // Taken into the range above; zero, less, or NaN: no time-out.
   double timeoutInterval = 60.0;
   bool allowsCellularAccess = true;
+  // A data task whose (decoded) answer body is longer fails with
+  // kURLErrorDataLengthExceedsMaximum, so neither an endless answer nor a compression
+  // bomb can exhaust memory. Downloads have no limit.
+  std::size_t maximumBodyLength = kDefaultMaximumBodyLength;
 
   std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
     return allHTTPHeaderFields.value(name);

@@ -24,6 +24,7 @@ namespace {
 constexpr std::string_view kHeadersKey = "mutableHTTPRequestHeaders";
 constexpr std::string_view kTimeoutKey = "timeoutInterval";
 constexpr std::string_view kCellularKey = "allowsCellularAccess";
+constexpr std::string_view kBodyLimitKey = "maximumBodyLength";
 constexpr std::string_view kURIMethodsKey = "HTTPMethodsEncodingParametersInURI";
 
 std::string upperCased(std::string_view text) {
@@ -234,6 +235,7 @@ std::optional<URLRequest> HTTPRequestSerializer::requestWithMethod(std::string_v
   request.url = std::move(url);
   request.timeoutInterval = timeoutInterval_;
   request.allowsCellularAccess = allowsCellularAccess_;
+  request.maximumBodyLength = maximumBodyLength_;
 
   std::optional<URLRequest> serialized = requestBySerializingRequest(request, parameters, error);
   if (!serialized || !checkHeaderSafety(*serialized, error)) return std::nullopt;
@@ -316,6 +318,7 @@ void HTTPRequestSerializer::encodeWithCoder(KeyedArchiver& coder) const {
   coder.encodeStringPairs(std::vector<HTTPHeaders::Field>(headers_.begin(), headers_.end()), kHeadersKey);
   coder.encodeDouble(timeoutInterval_, kTimeoutKey);
   coder.encodeBool(allowsCellularAccess_, kCellularKey);
+  coder.encodeInteger(static_cast<std::int64_t>(maximumBodyLength_), kBodyLimitKey);
   coder.encodeStrings(std::vector<std::string>(methodsInURI_.begin(), methodsInURI_.end()), kURIMethodsKey);
 }
 
@@ -329,6 +332,8 @@ bool HTTPRequestSerializer::initWithCoder(const KeyedUnarchiver& coder) {
   for (const auto& [name, value] : *headers) headers_.set(name, value);
   timeoutInterval_ = *timeout;
   allowsCellularAccess_ = *cellular;
+  const auto bodyLimit = coder.decodeInteger(kBodyLimitKey);
+  maximumBodyLength_ = bodyLimit && *bodyLimit >= 0 ? static_cast<std::size_t>(*bodyLimit) : kDefaultMaximumBodyLength;
   methodsInURI_ = std::set<std::string>(methods->begin(), methods->end());
   return true;
 }

@@ -4,7 +4,8 @@
 // Defaults of a new serializer: header fields "Accept-Language" (from the process
 // locale, "lang;q=1"; "en;q=1" when none) and "User-Agent" (program name and version,
 // operating system), both worked out once per process, on first use, so that making a
-// serializer per request stays cheap; time-out 60 s; cellular access allowed; the methods "GET",
+// serializer per request stays cheap; time-out 60 s; cellular access allowed; answer bodies
+// up to kDefaultMaximumBodyLength; the methods "GET",
 // "HEAD" and "DELETE" carry their parameters in the URI; strings are UTF-8.
 //
 // A serializer is configured on one thread and then used by one thread at a time.
@@ -66,12 +67,14 @@ class HTTPRequestSerializer {
   void setTimeoutInterval(double seconds) { timeoutInterval_ = seconds; }
   bool allowsCellularAccess() const { return allowsCellularAccess_; }
   void setAllowsCellularAccess(bool allowed) { allowsCellularAccess_ = allowed; }
+  std::size_t maximumBodyLength() const { return maximumBodyLength_; }
+  void setMaximumBodyLength(std::size_t bytes) { maximumBodyLength_ = bytes; }
   const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const { return methodsInURI_; }
   void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) { methodsInURI_ = std::move(methods); }
   // Whether `method`, in any letter case, carries its parameters in the URI.
   bool encodesParametersInURI(std::string_view method) const;
 
-  // Builds the URL request (method, URL, time-out, cellular access) and hands it with
+  // Builds the URL request (method, URL, time-out, cellular access, body limit) and hands it with
   // the parameters to requestBySerializingRequest(). Absent, with an error, when the
   // URL string is not a valid URL, a header field is unsafe, or serializing failed.
   std::optional<URLRequest> requestWithMethod(std::string_view method, std::string_view URLString,
@@ -96,7 +99,8 @@ class HTTPRequestSerializer {
   virtual std::optional<URLRequest> requestBySerializingRequest(const URLRequest& request, const Object& parameters,
                                                                 ErrorPtr* error) const;
 
-  // Copying and keyed archiving keep the settings above.
+  // Copying and keyed archiving keep the settings above (an archive without a body
+  // limit restores the default).
   virtual std::shared_ptr<HTTPRequestSerializer> copy() const;
   virtual void encodeWithCoder(KeyedArchiver& coder) const;
   // Restores the settings; false when the archive does not hold a serializer.
@@ -114,6 +118,7 @@ class HTTPRequestSerializer {
   HTTPHeaders headers_;
   double timeoutInterval_ = 60.0;
   bool allowsCellularAccess_ = true;
+  std::size_t maximumBodyLength_ = kDefaultMaximumBodyLength;
   std::set<std::string> methodsInURI_{"GET", "HEAD", "DELETE"};
 };
 
