@@ -10,7 +10,6 @@
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
 #include "Classes/VKQNetworkAgent+Private.h"
 #include "Classes/VKQVeskRequest.h"
-#include "Platform/Base/Log.h"
 #include "Platform/Session/HTTPSessionManager.h"
 #include "Platform/Session/URLSessionTask.h"
 
@@ -61,7 +60,7 @@ std::optional<std::string> VKQNetworkAgent::buildRequestUrl(const VKQVeskRequest
 }
 
 std::shared_ptr<VKQHTTPRequestSerializer> VKQNetworkAgent::requestSerializerForRequest(
-    const std::shared_ptr<VKQVeskRequest>& request) const {
+    const std::shared_ptr<VKQVeskRequest>& request, ErrorPtr* error) const {
   std::shared_ptr<VKQHTTPRequestSerializer> serializer;
   switch (request->requestSerializerType()) {
     case VKQRequestSerializerTypeJSON:
@@ -77,6 +76,7 @@ std::shared_ptr<VKQHTTPRequestSerializer> VKQNetworkAgent::requestSerializerForR
   serializer->setAllowsCellularAccess(request->allowsCellularAccess());
   serializer->setRetryPolicy(request->retryPolicy());
   serializer->setDeadlineInterval(request->requestDeadlineInterval());
+  serializer->setMaximumBodyLength(request->maximumResponseLength());
   // First element the user name, last the password; an empty array names nobody.
   if (const auto credentials = request->requestAuthorizationHeaderFieldArray(); credentials && !credentials->empty()) {
     serializer->setAuthorizationHeaderFieldWithUsername(credentials->front(), credentials->back());
@@ -84,7 +84,7 @@ std::shared_ptr<VKQHTTPRequestSerializer> VKQNetworkAgent::requestSerializerForR
   // Applied last, so an "Authorization" field here wins over the one made above.
   if (const auto headers = request->requestHeaderFieldValueDictionary()) {
     for (const auto& [field, value] : *headers) {
-      if (!serializer->setValue(value, field)) DDDebug("header field refused:", field);
+      if (!serializer->setValue(value, field, error)) return nullptr;
     }
   }
   return serializer;
@@ -110,7 +110,8 @@ std::shared_ptr<URLSessionTask> VKQNetworkAgent::sessionTaskForRequest(const std
                                                                       ErrorPtr* error) {
   const VKQRequestMethod method = request->requestMethod();
   const std::string urlString = buildRequestUrl(*request).value_or("");
-  const std::shared_ptr<VKQHTTPRequestSerializer> serializer = requestSerializerForRequest(request);
+  const std::shared_ptr<VKQHTTPRequestSerializer> serializer = requestSerializerForRequest(request, error);
+  if (!serializer) return nullptr;
   const Object parameters = request->requestArgument();
 
   switch (request->requestSerializerType()) {

@@ -125,9 +125,10 @@ class VKQNetworkAgent {
   // A serializer bound to the request (JSON for type 0, KXP for 1, null otherwise),
   // with its time-out, cellular access, Basic authorization (first element the user,
   // last the password; an empty array sets none) and header fields, the header
-  // dictionary applied last.
-  std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(
-      const std::shared_ptr<VKQVeskRequest>& request) const;
+  // dictionary applied last. Null, with an error naming the field, when a header field
+  // could break the message (CR, LF or NUL; an empty name or one with a colon).
+  std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(const std::shared_ptr<VKQVeskRequest>& request,
+                                                                        vkq::platform::ErrorPtr* error = nullptr) const;
   // The shared response serializers, made on first use (std::call_once: safe from any
   // thread). The JSON one accepts every status: the transport has validated it.
   const std::shared_ptr<VKQJSONResponseSerializer>& jsonResponseSerializer();

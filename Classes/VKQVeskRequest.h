@@ -79,6 +79,9 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   virtual std::string host() const { return ""; }
   virtual std::string path() const { return ""; }
   virtual double requestTimeoutInterval() const { return 60.0; }
+  // The longest answer body a data request keeps, and the longest payload a KXP answer
+  // decompresses to (64 MiB); a longer answer fails with -2 and an error that says so.
+  virtual std::size_t maximumResponseLength() const { return vkq::platform::kDefaultMaximumBodyLength; }
   virtual vkq::platform::Object requestArgument() const { return {}; }
   virtual VKQRequestMethod requestMethod() const { return VKQRequestMethodPOST; }
   virtual VKQRequestSerializerType requestSerializerType() const { return VKQRequestSerializerTypeKXP; }

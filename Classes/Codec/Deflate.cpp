@@ -59,14 +59,15 @@ std::optional<Bytes> compress(std::span<const std::uint8_t> bytes) {
   return Bytes(out.get(), out.get() + size);
 }
 
-std::optional<Bytes> decompress(std::span<const std::uint8_t> bytes) {
+std::optional<Bytes> decompress(std::span<const std::uint8_t> bytes, std::size_t limit, bool* overLimit) {
+  if (overLimit != nullptr) *overLimit = false;
   if (bytes.empty()) return std::nullopt;
   libdeflate_decompressor* decompressor = threadDecompressor();
   if (decompressor == nullptr) return std::nullopt;
   // The zlib format does not record the data's length: guess, and on running out of
   // room start over with more, up to the limit.
-  const std::size_t guess = std::min(kMaxDecompressedSize / kFirstGuessRatio, bytes.size()) * kFirstGuessRatio;
-  std::size_t room = std::clamp(guess, kMinFirstGuess, kMaxDecompressedSize);
+  const std::size_t guess = std::min(limit / kFirstGuessRatio, bytes.size()) * kFirstGuessRatio;
+  std::size_t room = std::min(std::max(guess, kMinFirstGuess), limit);
   for (;;) {
     const Scratch out = std::make_unique_for_overwrite<std::uint8_t[]>(room);
     std::size_t consumed = 0;
@@ -77,9 +78,13 @@ std::optional<Bytes> decompress(std::span<const std::uint8_t> bytes) {
       if (consumed != bytes.size()) return std::nullopt;
       return Bytes(out.get(), out.get() + produced);
     }
-    if (result != LIBDEFLATE_INSUFFICIENT_SPACE || room == kMaxDecompressedSize) return std::nullopt;
-    room = std::min(room, kMaxDecompressedSize / kGrowthFactor) * kGrowthFactor;
-    room = std::min(room, kMaxDecompressedSize);
+    if (result != LIBDEFLATE_INSUFFICIENT_SPACE) return std::nullopt;
+    if (room == limit) {
+      if (overLimit != nullptr) *overLimit = true;
+      return std::nullopt;
+    }
+    room = std::min(room, limit / kGrowthFactor) * kGrowthFactor;
+    room = std::min(room, limit);
   }
 }
 

@@ -28,7 +28,7 @@ inline constexpr int kCompressionLevel = 6;
 // (libdeflate itself stores inputs of up to 31 bytes at this level.)
 inline constexpr std::size_t kMaxStoredSize = 64;
 
-// decompress refuses to produce more than this many bytes (64 MiB), so that a small
+// The most bytes decompress produces unless told otherwise (64 MiB), so that a small
 // hostile stream cannot exhaust memory.
 inline constexpr std::size_t kMaxDecompressedSize = std::size_t{64} << 20;
 
@@ -39,7 +39,8 @@ std::optional<vkq::platform::Bytes> compress(std::span<const std::uint8_t> bytes
 
 // The data of one complete zlib stream. Absent when `bytes` is not exactly one valid
 // stream (empty, truncated, corrupt, failed Adler-32, bytes after its end), or when the
-// data would exceed kMaxDecompressedSize.
-std::optional<vkq::platform::Bytes> decompress(std::span<const std::uint8_t> bytes);
+// data would exceed `limit` bytes; `overLimit` (when given) says which.
+std::optional<vkq::platform::Bytes> decompress(std::span<const std::uint8_t> bytes,
+                                               std::size_t limit = kMaxDecompressedSize, bool* overLimit = nullptr);
 
 }  // namespace Deflate

@@ -201,12 +201,17 @@ std::optional<vkq::platform::Bytes> unpack(std::span<const std::uint8_t> body, s
   }
 
   std::optional<vkq::platform::Bytes> unpacked;
+  bool overLimit = false;
   if (settings.xorKey == 0 && settings.compress) {
-    unpacked = Deflate::decompress(payload);  // nothing to unmask: no copy
+    unpacked = Deflate::decompress(payload, settings.maximumPayloadLength, &overLimit);  // nothing to unmask: no copy
   } else {
     unpacked.emplace(payload.begin(), payload.end());
     if (settings.xorKey != 0) Encrypt::xorInPlace(*unpacked, settings.xorKey);
-    if (settings.compress) unpacked = Deflate::decompress(*unpacked);
+    if (settings.compress) unpacked = Deflate::decompress(*unpacked, settings.maximumPayloadLength, &overLimit);
+  }
+  if (overLimit) {
+    return refuse(error, VKQKXPFrameErrorTooLong,
+                  "payload decompresses to more than " + std::to_string(settings.maximumPayloadLength) + " bytes");
   }
   if (!unpacked) return refuse(error, VKQKXPFrameErrorDecompression, "payload does not decompress");
   return unpacked;

@@ -38,6 +38,7 @@
 #include <span>
 #include <string>
 
+#include "Classes/Codec/Deflate.h"
 #include "Platform/Base/Bytes.h"
 #include "Platform/Base/Error.h"
 
@@ -53,6 +54,8 @@ struct VKQKXPFrameSettings {
   bool uploadOSType = false;
   std::optional<std::string> packageName = std::nullopt;
   std::int32_t releaseVersion = 0;
+  // The most bytes a compressed payload may unpack to (a limit, not a switch).
+  std::size_t maximumPayloadLength = Deflate::kMaxDecompressedSize;
 };
 
 // Domain of frames refused by the pipeline or the server codec; the localized
@@ -65,6 +68,7 @@ enum VKQKXPFrameErrorCode : std::int64_t {
   VKQKXPFrameErrorLength = 3,          // no payload, or not the length the header says
   VKQKXPFrameErrorChecksum = 4,        // the payload's CRC-32 differs from the header's
   VKQKXPFrameErrorDecompression = 5,   // the payload does not decompress
+  VKQKXPFrameErrorTooLong = 6,         // it decompresses to more than maximumPayloadLength
 };
 
 namespace VKQKXPFrame {
@@ -141,7 +145,8 @@ enum class TrailingBytes { kIgnored, kRefused };
 
 // The payload of a frame whose header says `length` and `crc`; `body` is what follows
 // the header. Checks the length (not 0, within `body`) and the CRC, then unmasks and
-// decompresses. Absent, with an error of VKQKXPFrameErrorDomain, when a check fails;
+// decompresses (up to settings.maximumPayloadLength). Absent, with an error of
+// VKQKXPFrameErrorDomain, when a check fails;
 // `body` itself is never changed.
 std::optional<vkq::platform::Bytes> unpack(std::span<const std::uint8_t> body, std::uint32_t length, std::uint32_t crc,
                                            const VKQKXPFrameSettings& settings, TrailingBytes trailing,

@@ -12,5 +12,6 @@ VKQKXPFrameSettings VKQKXPFrameSettingsOf(const VKQVeskRequest& request) {
       .uploadOSType = request.uploadOSType(),
       .packageName = request.packageName(),
       .releaseVersion = request.releaseVersion(),
+      .maximumPayloadLength = request.maximumResponseLength(),
   };
 }

@@ -2,6 +2,7 @@
 // that serializers work on.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -16,6 +17,9 @@ namespace vkq::platform {
 // least, a longer one (infinity included) as the most.
 inline constexpr double kMinimumTimeoutInterval = 0.001;
 inline constexpr double kMaximumTimeoutInterval = 7 * 24 * 60 * 60.0;
+// The longest answer body a data task keeps in memory unless the request says
+// otherwise (64 MiB).
+inline constexpr std::size_t kDefaultMaximumBodyLength = std::size_t{64} << 20;
 
 struct URLRequest {
   std::string HTTPMethod = "GET";
@@ -30,6 +34,10 @@ struct URLRequest {
   RetryPolicy retryPolicy;
   // Seconds the whole task may take, retries included; absent: no limit.
   std::optional<double> deadlineInterval;
+  // A data task whose (decoded) answer body is longer fails with
+  // kURLErrorDataLengthExceedsMaximum, so neither an endless answer nor a compression
+  // bomb can exhaust memory. Downloads have no limit.
+  std::size_t maximumBodyLength = kDefaultMaximumBodyLength;
 
   std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
     return allHTTPHeaderFields.value(name);

@@ -24,6 +24,7 @@ namespace {
 constexpr std::string_view kHeadersKey = "mutableHTTPRequestHeaders";
 constexpr std::string_view kTimeoutKey = "timeoutInterval";
 constexpr std::string_view kCellularKey = "allowsCellularAccess";
+constexpr std::string_view kBodyLimitKey = "maximumBodyLength";
 constexpr std::string_view kURIMethodsKey = "HTTPMethodsEncodingParametersInURI";
 
 std::string upperCased(std::string_view text) {
@@ -159,14 +160,21 @@ std::optional<URL> appendingQuery(const URL& url, std::string_view query) {
   return URL::URLWithString(head + std::string(query) + text.substr(fragmentStart));
 }
 
+// The error for a header field that could break the message framing.
+ErrorPtr unsafeHeaderError(std::string_view name) {
+  const std::string shown = percentEncode(name, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
+  ErrorUserInfo info;
+  info.localizedDescription = "The header field \"" + shown +
+                              "\" cannot be sent: its name is empty or holds a colon, or it holds a CR, LF or NUL.";
+  info.localizedFailureReason = info.localizedDescription;
+  return makeError(kURLRequestSerializationErrorDomain, kURLErrorCannotDecodeContentData, std::move(info));
+}
+
 // Refuses a request whose header fields could break the message framing.
 bool checkHeaderSafety(const URLRequest& request, ErrorPtr* error) {
   const std::optional<std::string> invalid = firstInvalidHeaderField(request.allHTTPHeaderFields);
-  if (!invalid) return true;
-  const std::string shown = percentEncode(*invalid, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
-  setError(error, serializationError("The header field \"" + shown +
-                                     "\" cannot be sent: its name is empty or holds a colon, or it holds a CR, LF or NUL."));
-  return false;
+  if (invalid) setError(error, unsafeHeaderError(*invalid));
+  return !invalid;
 }
 
 }  // namespace
@@ -187,8 +195,12 @@ HTTPRequestSerializer::HTTPRequestSerializer() {
 
 HTTPRequestSerializer::~HTTPRequestSerializer() = default;
 
-bool HTTPRequestSerializer::setValue(std::optional<std::string_view> value, std::string_view field) {
-  if (!isValidHeaderField(field, value.value_or(""))) return false;
+bool HTTPRequestSerializer::setValue(std::optional<std::string_view> value, std::string_view field,
+                                     ErrorPtr* error) {
+  if (!isValidHeaderField(field, value.value_or(""))) {
+    setError(error, unsafeHeaderError(field));
+    return false;
+  }
   if (value) {
     headers_.set(field, *value);
   } else {
@@ -225,6 +237,7 @@ std::optional<URLRequest> HTTPRequestSerializer::requestWithMethod(std::string_v
   request.allowsCellularAccess = allowsCellularAccess_;
   request.retryPolicy = retryPolicy_;
   request.deadlineInterval = deadlineInterval_;
+  request.maximumBodyLength = maximumBodyLength_;
 
   std::optional<URLRequest> serialized = requestBySerializingRequest(request, parameters, error);
   if (!serialized || !checkHeaderSafety(*serialized, error)) return std::nullopt;
@@ -307,6 +320,7 @@ void HTTPRequestSerializer::encodeWithCoder(KeyedArchiver& coder) const {
   coder.encodeStringPairs(std::vector<HTTPHeaders::Field>(headers_.begin(), headers_.end()), kHeadersKey);
   coder.encodeDouble(timeoutInterval_, kTimeoutKey);
   coder.encodeBool(allowsCellularAccess_, kCellularKey);
+  coder.encodeInteger(static_cast<std::int64_t>(maximumBodyLength_), kBodyLimitKey);
   coder.encodeStrings(std::vector<std::string>(methodsInURI_.begin(), methodsInURI_.end()), kURIMethodsKey);
 }
 
@@ -320,6 +334,8 @@ bool HTTPRequestSerializer::initWithCoder(const KeyedUnarchiver& coder) {
   for (const auto& [name, value] : *headers) headers_.set(name, value);
   timeoutInterval_ = *timeout;
   allowsCellularAccess_ = *cellular;
+  const auto bodyLimit = coder.decodeInteger(kBodyLimitKey);
+  maximumBodyLength_ = bodyLimit && *bodyLimit >= 0 ? static_cast<std::size_t>(*bodyLimit) : kDefaultMaximumBodyLength;
   methodsInURI_ = std::set<std::string>(methods->begin(), methods->end());
   return true;
 }

@@ -4,7 +4,8 @@
 // Defaults of a new serializer: header fields "Accept-Language" (from the process
 // locale, "lang;q=1"; "en;q=1" when none) and "User-Agent" (program name and version,
 // operating system), both worked out once per process, on first use, so that making a
-// serializer per request stays cheap; time-out 60 s; cellular access allowed; the methods "GET",
+// serializer per request stays cheap; time-out 60 s; cellular access allowed; answer bodies
+// up to kDefaultMaximumBodyLength; the methods "GET",
 // "HEAD" and "DELETE" carry their parameters in the URI; strings are UTF-8.
 //
 // A serializer is configured on one thread and then used by one thread at a time.
@@ -53,9 +54,10 @@ class HTTPRequestSerializer {
 
   // Default header fields applied to every request built, unless the request has them.
   const HTTPHeaders& HTTPRequestHeaders() const { return headers_; }
-  // Sets a default field; an absent value removes it. A name or value holding CR, LF
-  // or NUL is refused: nothing is stored and the result is false.
-  bool setValue(std::optional<std::string_view> value, std::string_view field);
+  // Sets a default field; an absent value removes it. A name that is empty or holds a
+  // colon, or a name or value holding CR, LF or NUL, is refused: nothing is stored,
+  // the result is false and `error` (kURLRequestSerializationErrorDomain) names the field.
+  bool setValue(std::optional<std::string_view> value, std::string_view field, ErrorPtr* error = nullptr);
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
   // "Authorization" = "Basic " + base64("username:password").
   void setAuthorizationHeaderFieldWithUsername(std::string_view username, std::string_view password);
@@ -70,12 +72,15 @@ class HTTPRequestSerializer {
   void setRetryPolicy(RetryPolicy policy) { retryPolicy_ = std::move(policy); }
   std::optional<double> deadlineInterval() const { return deadlineInterval_; }
   void setDeadlineInterval(std::optional<double> seconds) { deadlineInterval_ = seconds; }
+  std::size_t maximumBodyLength() const { return maximumBodyLength_; }
+  void setMaximumBodyLength(std::size_t bytes) { maximumBodyLength_ = bytes; }
   const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const { return methodsInURI_; }
   void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) { methodsInURI_ = std::move(methods); }
   // Whether `method`, in any letter case, carries its parameters in the URI.
   bool encodesParametersInURI(std::string_view method) const;
 
-  // Builds the URL request (method, URL, time-out, cellular access, retries, deadline) and hands it with
+  // Builds the URL request (method, URL, time-out, cellular access, body limit, retries,
+  // deadline) and hands it with
   // the parameters to requestBySerializingRequest(). Absent, with an error, when the
   // URL string is not a valid URL, a header field is unsafe, or serializing failed.
   std::optional<URLRequest> requestWithMethod(std::string_view method, std::string_view URLString,
@@ -100,7 +105,8 @@ class HTTPRequestSerializer {
   virtual std::optional<URLRequest> requestBySerializingRequest(const URLRequest& request, const Object& parameters,
                                                                 ErrorPtr* error) const;
 
-  // Copying and keyed archiving keep the settings above.
+  // Copying and keyed archiving keep the settings above (an archive without a body
+  // limit restores the default).
   virtual std::shared_ptr<HTTPRequestSerializer> copy() const;
   virtual void encodeWithCoder(KeyedArchiver& coder) const;
   // Restores the settings; false when the archive does not hold a serializer.
@@ -120,6 +126,7 @@ class HTTPRequestSerializer {
   bool allowsCellularAccess_ = true;
   RetryPolicy retryPolicy_;
   std::optional<double> deadlineInterval_;
+  std::size_t maximumBodyLength_ = kDefaultMaximumBodyLength;
   std::set<std::string> methodsInURI_{"GET", "HEAD", "DELETE"};
 };
 

@@ -67,8 +67,6 @@ void HTTPSessionManager::setResponseSerializer(std::shared_ptr<HTTPResponseSeria
   engine_->responseSerializer()->set(serializer ? std::move(serializer) : HTTPResponseSerializer::serializer());
 }
 
-void HTTPSessionManager::setMaximumDataLength(std::size_t bytes) { maximumDataLength_.store(bytes); }
-
 fs::path HTTPSessionManager::partialDownloadsFolder() {
   std::error_code error;
   fs::path temporary = fs::temp_directory_path(error);
@@ -92,7 +90,7 @@ std::shared_ptr<URLSessionDataTask> HTTPSessionManager::dataTaskWithRequest(cons
   auto shared = std::make_shared<const URLRequest>(request);
   return makeTask<URLSessionDataTask, DataTaskBody>(engine_, shared,
                                                     {std::move(uploadProgress), std::move(downloadProgress), 0},
-                                                    maximumDataLength_.load(), shared, engine_->responseSerializer(),
+                                                    shared, engine_->responseSerializer(),
                                                     std::move(completionHandler));
 }
 

@@ -30,7 +30,6 @@
 // calling its handler.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -53,11 +52,6 @@ namespace vkq::platform {
 
 class SessionEngine;
 
-// Largest answer body a data task keeps in memory by default (64 MiB). A longer
-// (decoded) body fails the task with kURLErrorDataLengthExceedsMaximum, so neither an
-// endless answer nor a compression bomb can exhaust memory. Downloads have no limit.
-inline constexpr std::size_t kMaximumDataTaskBodyLength = std::size_t{64} << 20;
-
 class HTTPSessionManager {
  public:
   // A new manager with a plain HTTPResponseSerializer (statuses 200-299).
@@ -76,9 +70,6 @@ class HTTPSessionManager {
 
   std::shared_ptr<NetworkReachabilityManager> reachabilityManager() const { return reachability_; }
 
-  // The body limit of data tasks made from now on (default kMaximumDataTaskBodyLength).
-  void setMaximumDataLength(std::size_t bytes);
-
   // Where partial downloads lie until they complete: a folder of this process under
   // the temporary directory (TMPDIR). Resume data refers to files in it.
   static std::filesystem::path partialDownloadsFolder();
@@ -87,7 +78,8 @@ class HTTPSessionManager {
   // the content.
   static bool hasResumeDataForm(const Bytes& data);
 
-  // Data task: the body is collected in memory. The completion handler receives the
+  // Data task: the body is collected in memory, up to the request's
+  // maximumBodyLength. The completion handler receives the
   // final answer's head (absent when none arrived), the response object the response
   // serializer made of the body, and the error: the transport's (the response object
   // is then absent) or the serializer's (e.g. a status outside 200-299; the response
@@ -126,7 +118,6 @@ class HTTPSessionManager {
  private:
   const std::shared_ptr<SessionEngine> engine_;
   const std::shared_ptr<NetworkReachabilityManager> reachability_;
-  std::atomic<std::size_t> maximumDataLength_{kMaximumDataTaskBodyLength};
 };
 
 }  // namespace vkq::platform

@@ -6,9 +6,9 @@
 
 namespace vkq::platform {
 
-DataTaskBody::DataTaskBody(std::size_t limit, SharedRequest request, std::shared_ptr<ResponseSerializerSlot> serializer,
+DataTaskBody::DataTaskBody(SharedRequest request, std::shared_ptr<ResponseSerializerSlot> serializer,
                            HTTPSessionManager::DataTaskCompletion completion)
-    : limit_(limit),
+    : limit_(request->maximumBodyLength),
       request_(std::move(request)),
       serializer_(std::move(serializer)),
       completion_(std::move(completion)) {}

@@ -1,5 +1,6 @@
-// The body sink of data tasks: the answer body collected in memory, up to a limit,
-// then turned into the response object by the manager's response serializer.
+// The body sink of data tasks: the answer body collected in memory, up to the
+// request's limit, then turned into the response object by the manager's response
+// serializer.
 // Internal to the transport.
 #pragma once
 
@@ -15,7 +16,7 @@ namespace vkq::platform {
 
 class DataTaskBody final : public BodySink {
  public:
-  DataTaskBody(std::size_t limit, SharedRequest request, std::shared_ptr<ResponseSerializerSlot> serializer,
+  DataTaskBody(SharedRequest request, std::shared_ptr<ResponseSerializerSlot> serializer,
                HTTPSessionManager::DataTaskCompletion completion);
 
   ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;

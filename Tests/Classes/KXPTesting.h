@@ -21,6 +21,7 @@ class SettingsRequest : public VKQVeskRequest {
   bool uploadOSType() const override { return settings_.uploadOSType; }
   std::optional<std::string> packageName() const override { return settings_.packageName; }
   std::int32_t releaseVersion() const override { return settings_.releaseVersion; }
+  std::size_t maximumResponseLength() const override { return settings_.maximumPayloadLength; }
 
  private:
   VKQKXPFrameSettings settings_;

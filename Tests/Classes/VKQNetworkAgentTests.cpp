@@ -26,6 +26,7 @@ struct FieldRequest : VKQVeskRequest {
   std::optional<VKQHeaderDictionary> requestHeaderFieldValueDictionary() const override { return headers; }
   std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const override { return auth; }
   double requestTimeoutInterval() const override { return 7.5; }
+  std::size_t maximumResponseLength() const override { return 4096; }
   bool allowsCellularAccess() const override { return false; }
 };
 
@@ -60,7 +61,8 @@ TEST(VKQNetworkAgentSerializers, PicksTheSerializerByTypeAndConfiguresIt) {
   auto kxp = agent().requestSerializerForRequest(request);
   ASSERT_NE(std::dynamic_pointer_cast<VKQKXPRequestSerializer>(kxp), nullptr);
   EXPECT_EQ(kxp->request(), request);
-  EXPECT_EQ(std::pair(kxp->timeoutInterval(), kxp->allowsCellularAccess()), std::pair(7.5, false));
+  EXPECT_EQ(std::tuple(kxp->timeoutInterval(), kxp->allowsCellularAccess(), kxp->maximumBodyLength()),
+            std::tuple(7.5, false, 4096u));
   EXPECT_EQ(kxp->valueForHTTPHeaderField("Authorization"), "Basic dXNlcjpzZWNyZXQ=");  // first and last: user:secret
   EXPECT_EQ(kxp->valueForHTTPHeaderField("X-One"), "1");
 
@@ -70,7 +72,14 @@ TEST(VKQNetworkAgentSerializers, PicksTheSerializerByTypeAndConfiguresIt) {
   auto json = agent().requestSerializerForRequest(request);
   EXPECT_NE(std::dynamic_pointer_cast<VKQJSONRequestSerializer>(json), nullptr);
   EXPECT_EQ(json->valueForHTTPHeaderField("Authorization"), "Bearer token");
+  // A field that would break the message is an error that names it, not a field dropped.
+  request->headers = VKQHeaderDictionary{{"X-One", "1"}, {"X-Split", "a\r\nX-Injected: 1"}};
+  vkq::platform::ErrorPtr error;
+  EXPECT_EQ(agent().requestSerializerForRequest(request, &error), nullptr);
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(error->localizedDescription().find("\"X-Split\""), std::string::npos);
   request->requestType = static_cast<VKQRequestSerializerType>(2);
+  request->headers.reset();
   EXPECT_EQ(agent().requestSerializerForRequest(request), nullptr);
 }
 

@@ -54,9 +54,15 @@ std::shared_ptr<VKQVeskResult> VKQKXPResponseSerializer::deserialize(const std::
     return VKQVeskResult::resultWithErrorCode(kServerError, request);
   }
 
+  ErrorPtr refused;
   std::optional<Bytes> data =
       VKQKXPFrame::unpack(answer.subspan(reading.size), reading.header.payloadLength, reading.header.payloadCRC,
-                          settings, VKQKXPFrame::TrailingBytes::kIgnored, nullptr);
+                          settings, VKQKXPFrame::TrailingBytes::kIgnored, &refused);
+  if (!data && refused->code() == VKQKXPFrameErrorTooLong) {
+    // Not the server's fault: more than this request takes.
+    request->setError(refused);
+    return VKQVeskResult::resultWithErrorCode(kHTTPError, request);
+  }
   if (!data) return VKQVeskResult::resultWithErrorCode(kServerError, request);
   return VKQVeskResult::resultWithSuccessData(std::move(*data), request);
 }

@@ -2,10 +2,12 @@
 // against the request's settings (version, CRC-32), unmasks and decompresses the
 // payload. The raw answer is never changed.
 //   0  success, the payload bytes as data (raw answer when the request is nonProtocol)
-//  -2  the exchange failed; this result carries no request
+//  -2  the exchange failed (this result carries no request), or the payload
+//      decompresses to more than the request's maximumResponseLength (the request's
+//      error says so)
 //  -3  the protocol version differs from the request's
 //  -4  payload missing, short or corrupt, answer shorter than its header, or
-//      decompression gave nothing (or exceeded the decompression limit)
+//      decompression gave nothing
 // -2, -3 and a header cut short each write one debug log entry. Stateless.
 #pragma once
 

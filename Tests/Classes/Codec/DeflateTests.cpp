@@ -63,6 +63,11 @@ TEST(Deflate, TruncatedDamagedAndOversizedStreamsAreRejected) {
   EXPECT_EQ(Deflate::decompress(*Deflate::compress(data))->size(), Deflate::kMaxDecompressedSize);
   data.push_back('a');
   EXPECT_EQ(Deflate::decompress(*Deflate::compress(data)), std::nullopt) << "one byte beyond the limit";
+  bool overLimit = false;
+  EXPECT_EQ(Deflate::decompress(good, 1999, &overLimit), std::nullopt);
+  EXPECT_TRUE(overLimit);
+  EXPECT_EQ(Deflate::decompress(good, 2000, &overLimit), textLike(2000));
+  EXPECT_FALSE(overLimit);
 }
 
 }  // namespace

@@ -104,6 +104,17 @@ TEST(VKQKXPResponseSerializer, ResultCodesDataAndLogEntries) {
   EXPECT_EQ(text(VKQKXPResponseSerializer::serializer()->errorWithErrorCode(VKQResponseCode(-3))),
             "com.vkqlabs.request -3 protocol error");
   EXPECT_EQ(VKQKXPResponseSerializer::serializer()->errorWithErrorCode(VKQResponseCode(0)), nullptr);
+
+  // A payload that unpacks to more than the request takes is the request's limit, not a
+  // server error: -2, and the request's error says why.
+  const VKQKXPFrameSettings limited{.compress = true, .version = 2, .maximumPayloadLength = 64};
+  for (const std::size_t size : {64, 65}) {
+    auto bounded = requestWith(limited);
+    bounded->setResponseData(Object(*VKQKXPServerCodec::makeResponseFrame(Bytes(size, 'a'), limited)));
+    EXPECT_EQ(VKQKXPResponseSerializer::serializer()->deserialize(bounded, nullptr)->responseCode()->code(),
+              size == 64 ? 0 : -2);
+    EXPECT_EQ(bounded->error() ? bounded->error()->code() : 0, size == 64 ? std::int64_t{0} : std::int64_t{VKQKXPFrameErrorTooLong});
+  }
 }
 
 // The fuzzer's body aborts when the decoder breaks a promise.

@@ -37,7 +37,7 @@ class RetryTest : public ::testing::Test {
         std::count_if(all.begin(), all.end(), [&](const FaultRequest& r) { return r.target == path; }));
   }
   static FaultAnswer unavailable(std::string retryAfter = "0") {
-    return FaultAnswer::reply(503, "busy", {{"Retry-After", std::move(retryAfter)}});
+    return FaultAnswer::reply(503, "busy", "Retry-After: " + retryAfter + "\r\n");
   }
 
   FaultServer server;
@@ -52,10 +52,10 @@ TEST_F(RetryTest, RetriesListedStatusesAndLostConnectionsUntilOneSucceedsOrNoneA
     int status;  // of the outcome; 0: the connection was lost
   } cases[] = {
       {"503 twice", {unavailable(), unavailable(), FaultAnswer::reply(200, "ok")}, 3, 200},
-      {"lost, then 502", {FaultAnswer::closeAtOnce(), FaultAnswer::reply(502), FaultAnswer::reply(200, "ok")}, 3, 200},
-      {"cut body", {FaultAnswer::reply(200, "hello").cutAfterBodyBytes(2), FaultAnswer::reply(200, "ok")}, 2, 200},
+      {"lost, then 502", {FaultAnswer(), FaultAnswer::reply(502), FaultAnswer::reply(200, "ok")}, 3, 200},
+      {"cut body", {FaultAnswer::reply(200, "hello").cutAfter("\r\n\r\n", 2), FaultAnswer::reply(200, "ok")}, 2, 200},
       {"no retries left", {unavailable()}, 3, 503},
-      {"always lost", {FaultAnswer::closeAtOnce()}, 3, 0},
+      {"always lost", {FaultAnswer()}, 3, 0},
       {"404 is an answer", {FaultAnswer::reply(404), FaultAnswer::reply(200, "ok")}, 1, 404},
   };
   int index = 0;

@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <deque>
 #include <limits>
 #include <map>
 
 #include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/VKQVesk.h"
+#include "Platform/HTTP/HTTPHeaders.h"
+#include "Platform/HTTP/URLRequest.h"
 
 namespace vkq::tool {
 namespace {
@@ -116,17 +119,36 @@ HeaderFields parseHeaders(const GivenOptions& parsed) {
     }
     std::string value = field.substr(colon + 1);
     value.erase(0, value.find_first_not_of(" \t"));
+    if (!platform::isValidHeaderField(field.substr(0, colon), value)) {
+      throw UsageError("--header \"" + field.substr(0, colon) + "\" holds a line break");
+    }
     headers.emplace_back(field.substr(0, colon), std::move(value));
   }
   return headers;
 }
 
+// Seconds within the library's time-out range.
+double parseTimeInterval(const std::string& text, const char* what) {
+  const double seconds = parseSeconds(text, what);
+  if (seconds < platform::kMinimumTimeoutInterval || seconds > platform::kMaximumTimeoutInterval) {
+    const auto shown = [](double value) {
+      char digits[32];
+      return std::string(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+    };
+    throw UsageError(std::string(what) + " must be from " + shown(platform::kMinimumTimeoutInterval) + " to " +
+                     shown(platform::kMaximumTimeoutInterval) + " seconds, not " + text);
+  }
+  return seconds;
+}
+
 ExchangeOptions parseExchangeOptions(const GivenOptions& parsed) {
   ExchangeOptions exchange;
-  if (auto timeout = parsed.value("--timeout")) exchange.timeout = parseSeconds(*timeout, "--timeout");
-  if (auto retries = parsed.value("--retries")) exchange.retries = static_cast<int>(parseInteger(*retries, 0, 100, "--retries"));
+  if (auto timeout = parsed.value("--timeout")) exchange.timeout = parseTimeInterval(*timeout, "--timeout");
+  if (auto retries = parsed.value("--retries")) {
+    exchange.retries = static_cast<int>(parseInteger(*retries, 0, 100, "--retries"));
+  }
   exchange.retryNonIdempotent = parsed.has("--retry-non-idempotent");
-  if (auto maxTime = parsed.value("--max-time")) exchange.maxTime = parseSeconds(*maxTime, "--max-time");
+  if (auto maxTime = parsed.value("--max-time")) exchange.maxTime = parseTimeInterval(*maxTime, "--max-time");
   exchange.metrics = parsed.has("--metrics");
   return exchange;
 }
