@@ -1,5 +1,7 @@
-// The platform basics: errors, assertions, the debug log, objects and queues.
+// The platform basics: errors, assertions, the debug log, objects, queues and private
+// folders.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -9,9 +11,11 @@
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Error.h"
 #include "Platform/Base/Log.h"
+#include "Platform/Base/PrivateFolder.h"
 #include "Platform/Serialization/Object.h"
 #include "Platform/Base/SerialQueue.h"
 #include "Platform/HTTP/URL.h"
+#include "Tests/Support/Files.h"
 #include "Tests/Support/LogCapture.h"
 
 namespace vkq::platform {
@@ -24,6 +28,25 @@ TEST(Error, DescriptionFallsBackFromDescriptionToReasonToDomainAndCode) {
   info.localizedDescription = "described";
   EXPECT_EQ(Error("d", -1016, info).description(), "Error Domain=d Code=-1016 \"described\"");
   EXPECT_EQ(Error("vkq.x", 7).localizedDescription(), "The operation couldn't be completed. (vkq.x error 7.)");
+}
+
+TEST(PrivateFolder, IsTheUsersAloneAndRefusedWhenSomeoneElseCouldHavePlantedIt) {
+  namespace fs = std::filesystem;
+  const vkq::testing::PrivateTemporaryDirectory temporary;              // restores TMPDIR and XDG_CACHE_HOME
+  ::setenv("XDG_CACHE_HOME", (temporary.path() / "cache").c_str(), 1);  // comes first
+  const fs::path folder = privateFolderPath("x");
+  ASSERT_EQ(folder, temporary.path() / "cache/x");
+  ASSERT_TRUE(preparePrivateFolder(folder, nullptr));
+  fs::permissions(folder, fs::perms(0755));
+  EXPECT_TRUE(preparePrivateFolder(folder, nullptr));  // the user's own: narrowed
+  EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);
+  fs::create_directory_symlink(folder, temporary.path() / "link");
+  ErrorPtr error;
+  EXPECT_FALSE(preparePrivateFolder(temporary.path() / "link", &error));
+  EXPECT_EQ(error->localizedDescription(), "The folder " + (temporary.path() / "link").string() + " is a symbolic link");
+  if (::geteuid() == 0 && ::chown(folder.c_str(), 65534, 65534) == 0) {
+    EXPECT_FALSE(preparePrivateFolder(folder, nullptr));  // another user's
+  }
 }
 
 TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
