@@ -21,14 +21,6 @@ using vkq::testing::FileOptions;
 using vkq::testing::readFile;
 using vkq::testing::writeFile;
 
-// Writes past `bytes` fail from now on in this process, as on a full disk (EFBIG, with
-// SIGXFSZ ignored); RLIM_INFINITY lifts the limit.
-void limitFileSize(rlim_t bytes) {
-  std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit limit{bytes, RLIM_INFINITY};
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-}
-
 class VKQNetworkAgentDownload : public vkq::testing::AgentTest {
  protected:
   // Serves `content` at "/files/<name>", with an ETag.
@@ -153,8 +145,8 @@ TEST_F(VKQNetworkAgentDownload, ADownloadWithNowhereSafeToGoFailsBeforeAnythingI
     EXPECT_EQ(request->error()->domain(), vkq::platform::kURLErrorDomain);
     EXPECT_EQ(request->error()->code(), vkq::platform::kURLErrorCannotCreateFile);
   }
-  EXPECT_NE(request->description().find("is a symbolic link"), std::string::npos) << request->description();
   EXPECT_TRUE(fs::exists(folder / "taken/inside"));
+  EXPECT_NE(request->description().find("is a symbolic link"), std::string::npos) << request->description();
   EXPECT_EQ(server.requestCount(), 0u);
 }
 
@@ -167,11 +159,10 @@ TEST_F(VKQNetworkAgentDownload, APartialAnswerThatDoesNotContinueTheEntityStarts
     serve("e.bin", older, FileOptions().dropAfter(100'000));
     EXPECT_EQ(downloadToEnd("e.bin", folder / "e.bin"), VKQResponseCodeHTTPError);
     server.handle("/files/e.bin", [newer, etag, start](const httplib::Request& in, httplib::Response& out) {
-      const bool partial = in.has_header("Range");
-      out.status = partial ? 206 : 200;
-      out.set_header("ETag", partial ? etag : "\"v2\"");
-      if (partial) out.set_header("Content-Range", "bytes " + std::to_string(start) + "-299999/300000");
-      out.set_content(newer.substr(partial ? start : 0), "application/octet-stream");
+      out.status = in.has_header("Range") ? 206 : 200;
+      out.set_header("ETag", out.status == 206 ? etag : "\"v2\"");
+      if (out.status == 206) out.set_header("Content-Range", "bytes " + std::to_string(start) + "-299999/300000");
+      out.set_content(newer.substr(out.status == 206 ? start : 0), "application/octet-stream");
     });
     EXPECT_EQ(downloadToEnd("e.bin", folder / "e.bin"), VKQResponseCodeSuccess);
     EXPECT_TRUE(readFile(folder / "e.bin") == newer && vkq::testing::partialFiles().empty());
@@ -185,18 +176,24 @@ TEST_F(VKQNetworkAgentDownload, AFullDiskLeavesNeitherCutFilesNorOrphansNorAChan
   // Pieces under 64 KiB are gathered, so the first failed write is the one on closing.
   const std::string content = vkq::testing::patternBytes(60'000, 4), target = folder / "f.bin";
   serve("f.bin", content);
+  // Writes past `bytes` fail from now on in this process, as on a full disk (EFBIG, with
+  // SIGXFSZ ignored); RLIM_INFINITY lifts the limit.
+  std::signal(SIGXFSZ, SIG_IGN);
+  const auto limitFileSize = [](rlim_t bytes) {
+    const rlimit limit{bytes, RLIM_INFINITY};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  };
   limitFileSize(4096);  // the resume data, with its long URL, is larger
-  EXPECT_NE(downloadToEnd(server.url("/files/f.bin?pad=" + std::string(5000, 'x')), target), 0);
+  EXPECT_NE(downloadToEnd(server.url("/files/f.bin?pad=" + std::string(5000, 'x')), target), VKQResponseCodeSuccess);
   limitFileSize(RLIM_INFINITY);
   EXPECT_TRUE(fs::is_empty(*agent().incompleteDownloadTempCacheFolder()) && vkq::testing::partialFiles().empty());
 
   // The rest moves the file across file systems: /dev/shm must be another one.
   struct stat here {}, shm {};
   if (::stat("/dev/shm", &shm) || ::stat(folder.path().c_str(), &here) || shm.st_dev == here.st_dev) GTEST_SKIP();
-  const vkq::testing::ScratchFolder elsewhere("/dev/shm");
-  for (const char* variable : {"TMPDIR", "XDG_CACHE_HOME"}) ::setenv(variable, elsewhere.path().c_str(), 1);
+  const vkq::testing::PrivateTemporaryDirectory elsewhere("/dev/shm");
   writeFile(target, "an older file");
-  onComplete = [] { limitFileSize(4096); };
+  onComplete = [limitFileSize] { limitFileSize(4096); };
   EXPECT_NE(downloadToEnd("f.bin", target), VKQResponseCodeSuccess);
   limitFileSize(RLIM_INFINITY);
   EXPECT_TRUE(readFile(target) == "an older file");

@@ -29,11 +29,13 @@ class ScratchFolder {
   std::filesystem::path path_;
 };
 
-// Points TMPDIR and XDG_CACHE_HOME at a folder of its own while it lives, so that the
-// files the library keeps there are this test's alone (tests run in parallel).
+// Points TMPDIR and XDG_CACHE_HOME at a folder of its own (in the temporary directory,
+// or in `parent`) while it lives, so that the files the library keeps there are this
+// test's alone (tests run in parallel).
 class PrivateTemporaryDirectory : ScratchFolder {
  public:
-  PrivateTemporaryDirectory() {
+  explicit PrivateTemporaryDirectory(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+      : ScratchFolder(parent) {
     for (auto& [name, previous] : variables_) previous = std::getenv(name) ? std::getenv(name) : "";
     for (auto& [name, previous] : variables_) ::setenv(name, path().c_str(), 1);
   }

@@ -48,8 +48,7 @@ class VkqTool : public ::testing::Test {
   // A command line that runs `program` with the test's own temporary folder (and so
   // its own resume data).
   Arguments inFolder(const Arguments& arguments, const std::string& program = kVkq) const {
-    const std::string tmp = (folder_ / "tmp").string();
-    return concat({"/usr/bin/env", "TMPDIR=" + tmp, "XDG_CACHE_HOME=" + tmp, program}, arguments);
+    return concat({"/usr/bin/env", "-u", "XDG_CACHE_HOME", "TMPDIR=" + (folder_ / "tmp").string(), program}, arguments);
   }
   // Runs `program` to its end (at most a minute).
   struct Completed { std::optional<int> status; std::string out, err; };

@@ -32,18 +32,15 @@ TEST(Error, DescriptionFallsBackFromDescriptionToReasonToDomainAndCode) {
 
 // (A symbolic link in its place is refused too: see the agent's download tests.)
 TEST(PrivateFolder, IsTheUsersAloneAndRefusedWhenAnotherUsersOne) {
-  namespace fs = std::filesystem;
   const vkq::testing::PrivateTemporaryDirectory temporary;              // restores TMPDIR and XDG_CACHE_HOME
   ::setenv("XDG_CACHE_HOME", (temporary.path() / "cache").c_str(), 1);  // comes first
-  const fs::path folder = privateFolderPath("x");
+  const std::filesystem::path folder = privateFolderPath("x");
   ASSERT_EQ(folder, temporary.path() / "cache/x");
+  std::filesystem::create_directories(folder);  // as an earlier version left it: 0777 less the umask
   ASSERT_TRUE(preparePrivateFolder(folder, nullptr));
-  fs::permissions(folder, fs::perms(0755));  // as an earlier version left it
-  ASSERT_TRUE(preparePrivateFolder(folder, nullptr));
-  EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);
-  if (::geteuid() == 0 && ::chown(folder.c_str(), 65534, 65534) == 0) {  // root can give it to another user
-    EXPECT_FALSE(preparePrivateFolder(folder, nullptr));
-  }
+  EXPECT_EQ(std::filesystem::status(folder).permissions(), std::filesystem::perms::owner_all);
+  // Root can give it to another user: then it is refused.
+  EXPECT_TRUE(::geteuid() != 0 || ::chown(folder.c_str(), 65534, 65534) != 0 || !preparePrivateFolder(folder, nullptr));
 }
 
 TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
