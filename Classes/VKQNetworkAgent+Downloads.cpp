@@ -61,12 +61,24 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
     }
     target = (fs::path(path) / *name).string();
   }
-  // An earlier file is gone even if this download fails; a failure to remove is ignored.
-  std::error_code ec;
-  fs::remove_all(target, ec);
+  // What is at the target stays until the new file is complete and replaces it; a
+  // folder is never replaced.
+  if (std::error_code ec; fs::is_directory(fs::symlink_status(target, ec))) {
+    vkq::platform::setError(error, VKQNetworkAgentSupport::describedError(
+                                       vkq::platform::kURLErrorDomain, vkq::platform::kURLErrorCannotCreateFile,
+                                       "The download's target " + target + " is a folder",
+                                       urlRequest->url->absoluteString()));
+    return nullptr;
+  }
 
   VKQAssert(!path.empty(), VKQNetworkAgentSupport::kStringNotEmpty);
   std::optional<Bytes> resumeData = VKQResumeDataStore::load(path, target);
+  if (resumeData && URLSessionDownloadTask::URLOfResumeData(*resumeData) != urlRequest->url->absoluteString()) {
+    // Stored by a download of another URL to this path: continuing it would save that
+    // URL's file. It is discarded below, with its partial file.
+    DDDebug("Resume data refused: it continues a download of another URL");
+    resumeData.reset();
+  }
 
   auto destination = [target](const URL&, std::shared_ptr<const vkq::platform::HTTPResponse>) {
     return URL::fileURLWithPath(target, false);

@@ -2,13 +2,13 @@
 
 #include <openssl/evp.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Log.h"
+#include "Platform/Base/PrivateFolder.h"
 #include "Platform/Session/URLSessionTask.h"
 
 namespace fs = std::filesystem;
@@ -30,24 +30,22 @@ std::optional<Bytes> readFile(const std::optional<URL>& file) {
   return file ? readFile(file->filePath()) : std::nullopt;
 }
 
-// Writes beside the file, then renames.
-void writeFileAtomically(const fs::path& path, const Bytes& bytes) {
+// Writes beside the file, then renames; false, with nothing left beside it, when the
+// bytes did not all reach the disk (a full disk shows only when the stream is flushed).
+bool writeFileAtomically(const fs::path& path, const Bytes& bytes) {
   fs::path partial = path;
   partial += ".partial";
-  {
-    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!out) {
-      DDDebug("Failed to store resume data at", partial.string());
-      return;
-    }
-  }
+  std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  out.close();
   std::error_code ec;
-  fs::rename(partial, path, ec);
-  if (ec) {
+  if (!out.fail()) fs::rename(partial, path, ec);
+  if (out.fail() || ec) {
     DDDebug("Failed to store resume data at", path.string());
     fs::remove(partial, ec);
+    return false;
   }
+  return true;
 }
 
 // Removes the partial file that `old` continues, unless `kept` continues the same one:
@@ -63,12 +61,10 @@ void removeSupersededPartialFile(const std::optional<Bytes>& old, const std::opt
 }  // namespace
 
 std::optional<std::string> VKQResumeDataStore::folder() {
-  const char* temporary = std::getenv("TMPDIR");
-  const fs::path folder = fs::path(temporary != nullptr && *temporary != '\0' ? temporary : "/tmp") / "Incomplete";
-  std::error_code ec;
-  fs::create_directories(folder, ec);
-  if (ec || !fs::is_directory(folder, ec)) {
-    DDDebug("Failed to create cache directory at", folder.string());
+  const fs::path folder = vkq::platform::privateFolderPath("Incomplete");
+  vkq::platform::ErrorPtr refusal;
+  if (!vkq::platform::preparePrivateFolder(folder, &refusal)) {
+    DDDebug("Failed to create cache directory at", folder.string(), refusal->localizedDescription());
     return std::nullopt;
   }
   return folder.string();
@@ -109,9 +105,14 @@ std::optional<Bytes> VKQResumeDataStore::load(const std::string& downloadPath, c
 void VKQResumeDataStore::store(const std::string& downloadPath, const std::string& targetPath,
                                const Bytes& resumeData) {
   for (const std::string& name : {targetPath, downloadPath}) {
-    if (const auto file = fileForName(name)) {
-      removeSupersededPartialFile(readFile(file), resumeData);
-      writeFileAtomically(file->filePath(), resumeData);
+    const auto file = fileForName(name);
+    if (file) removeSupersededPartialFile(readFile(file), resumeData);
+    if (!file || !writeFileAtomically(file->filePath(), resumeData)) {
+      // Resume data that cannot be kept under every name is kept under none, and its
+      // partial file goes too: nothing would use or remove it.
+      remove(downloadPath, targetPath);
+      removeSupersededPartialFile(resumeData, std::nullopt);
+      return;
     }
     if (targetPath == downloadPath) break;
   }

@@ -1,6 +1,7 @@
 // Where the agent keeps the resume data of interrupted downloads: one file per name in
-// the folder "Incomplete" under the temporary directory (TMPDIR, default /tmp), named
-// by the MD5 of the name.
+// the private folder "Incomplete" (Platform/Base/PrivateFolder.h: under $XDG_CACHE_HOME,
+// else $TMPDIR, else /tmp; mode 0700), named by the MD5 of the name. A folder that is
+// not the user's own is not used: downloads then start afresh and keep no resume data.
 //
 // A download into a folder has two names: the folder (the download path the
 // application gave) and the file inside it (the target). Its resume data is stored
@@ -10,11 +11,12 @@
 //
 // Resume data names a partial file in the transport's folder. Data that is replaced by
 // data for another partial file, or discarded, takes its partial file with it, so that
-// the folder does not fill up with files nothing refers to.
+// the folder does not fill up with files nothing refers to. So does resume data that
+// cannot be stored (a full disk, no folder).
 //
-// Files are written beside their place and renamed, so a reader never sees half of
-// one. Stateless; safe from any thread (concurrent writers of one name: the last
-// rename wins).
+// Files are written beside their place, checked and renamed, so a reader never sees
+// half of one, nor one cut short by a full disk. Stateless; safe from any thread
+// (concurrent writers of one name: the last rename wins).
 #pragma once
 
 #include <optional>
@@ -27,7 +29,7 @@
 class VKQResumeDataStore {
  public:
   // The folder, created on every call; absent, after logging "Failed to create cache
-  // directory at", when it can't be.
+  // directory at" and the reason, when it can't be or is not the user's own.
   static std::optional<std::string> folder();
   // 32 lower-case hexadecimal digits: the MD5 of the UTF-8 text up to its first NUL.
   static std::string md5Name(std::string_view text);

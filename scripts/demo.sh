@@ -37,8 +37,10 @@ if ! { cmake --preset default && cmake --build build --target vkq_cli -j"$(nproc
 fi
 vkq=build/bin/vkq
 
-# The client's temporary folder (where resume data lives) belongs to this run.
+# The client's temporary folder (where resume data lives) belongs to this run; a cache
+# folder of the user's would come first.
 export TMPDIR="$work/tmp"
+unset XDG_CACHE_HOME
 mkdir -p "$TMPDIR" "$work/root"
 
 # start_server NAME ARGS...: runs `vkq serve` and sets $url to its address.

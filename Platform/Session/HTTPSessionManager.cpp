@@ -6,6 +6,7 @@
 #include <limits>
 #include <system_error>
 
+#include "Platform/Base/PrivateFolder.h"
 #include "Platform/Transport/DataTaskBody.h"
 #include "Platform/Transport/DownloadTaskBody.h"
 #include "Platform/Transport/ResumeData.h"
@@ -67,12 +68,7 @@ void HTTPSessionManager::setResponseSerializer(std::shared_ptr<HTTPResponseSeria
   engine_->responseSerializer()->set(serializer ? std::move(serializer) : HTTPResponseSerializer::serializer());
 }
 
-fs::path HTTPSessionManager::partialDownloadsFolder() {
-  std::error_code error;
-  fs::path temporary = fs::temp_directory_path(error);
-  if (error) temporary = "/tmp";
-  return temporary / "vkq-partial-downloads";
-}
+fs::path HTTPSessionManager::partialDownloadsFolder() { return privateFolderPath("vkq-partial-downloads"); }
 
 bool HTTPSessionManager::hasResumeDataForm(const Bytes& data) {
   if (data.empty() || data.size() > std::numeric_limits<std::uint32_t>::max()) return false;

@@ -70,8 +70,10 @@ class HTTPSessionManager {
 
   std::shared_ptr<NetworkReachabilityManager> reachabilityManager() const { return reachability_; }
 
-  // Where partial downloads lie until they complete: a folder of this process under
-  // the temporary directory (TMPDIR). Resume data refers to files in it.
+  // Where partial downloads lie until they complete: the private folder
+  // "vkq-partial-downloads" (Platform/Base/PrivateFolder.h), made when a download opens
+  // its file; a download fails when the folder is not the user's own. Resume data
+  // refers to files in it.
   static std::filesystem::path partialDownloadsFolder();
   // Whether `data` has the form of resume data (a non-empty property list, of any
   // content) and so is worth offering to downloadTaskWithResumeData(), which judges
@@ -92,8 +94,10 @@ class HTTPSessionManager {
 
   // Download task: the body is streamed to a temporary file. When the answer is
   // complete and valid, `destination` (may be empty) is asked for a file URL; the file
-  // is moved there (replacing a file that is in the way) and its URL handed to the
-  // completion handler. Without a destination, or after a failure, the file is
+  // is moved there (replacing a file that is in the way, never a folder) and its URL
+  // handed to the completion handler. What is at the destination stays as it was until
+  // then, also when the move fails (across file systems the file is copied next to it
+  // first). The file gets the mode new files get (0666 less the umask). Without a destination, or after a failure, the file is
   // removed and the file path is absent. A status outside what the response serializer
   // accepts is an error and nothing is moved. A failed download whose server sent a
   // validator (ETag or Last-Modified) and that wrote bytes carries resume data in

@@ -98,4 +98,10 @@ std::optional<std::filesystem::path> URLSessionDownloadTask::partialFileOfResume
   return resume->partialFilePath;
 }
 
+std::optional<std::string> URLSessionDownloadTask::URLOfResumeData(const Bytes& resumeData) {
+  auto resume = ResumeData::decode(resumeData, nullptr);
+  if (!resume) return std::nullopt;
+  return std::move(resume->url);
+}
+
 }  // namespace vkq::platform

@@ -18,6 +18,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "Platform/Base/Bytes.h"
 #include "Platform/Base/Error.h"
@@ -111,6 +112,9 @@ class URLSessionDownloadTask : public URLSessionTask {
   // transport and the file lies in HTTPSessionManager::partialDownloadsFolder(); absent
   // otherwise. For removing the file of resume data that will not be used.
   static std::optional<std::filesystem::path> partialFileOfResumeData(const Bytes& resumeData);
+  // The URL whose download `resumeData` continues; absent when it is not resume data
+  // of this transport. For refusing resume data stored for another request.
+  static std::optional<std::string> URLOfResumeData(const Bytes& resumeData);
 
  private:
   DownloadTaskBody& body() const;

@@ -2,12 +2,12 @@
 
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <system_error>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "Platform/Base/PrivateFolder.h"
 #include "Platform/Transport/CurlErrors.h"
 
 namespace vkq::platform {
@@ -24,6 +24,13 @@ std::string validatorOf(const HTTPResponse& response) {
     return *etag;
   }
   return response.allHeaderFields().value("Last-Modified").value_or("");
+}
+
+// Whether the answer names the entity by `validator`, as its ETag or, when that is
+// what If-Range carried, its Last-Modified.
+bool carriesValidator(const HTTPResponse& response, const std::string& validator) {
+  return response.allHeaderFields().value("ETag") == validator ||
+         response.allHeaderFields().value("Last-Modified") == validator;
 }
 
 // The first byte position of "Content-Range: bytes first-last/size", or absent.
@@ -95,20 +102,21 @@ ErrorPtr DownloadTaskBody::fileError(URLErrorCode code, const std::string& what,
 }
 
 ErrorPtr DownloadTaskBody::openFile() {
+  // The folder is checked for a resumed download too: its partial file is trusted only
+  // in a folder no one else can write to.
+  if (ErrorPtr refusal; !preparePrivateFolder(folder_, &refusal)) {
+    return makeTransportError(kURLErrorCannotCreateFile,
+                              "Cannot keep the download file: " + refusal->localizedDescription(), url_);
+  }
   int descriptor = -1;
-  const char* call = "open";
   if (path_.empty()) {
-    std::error_code ignored;
-    fs::create_directories(folder_, ignored);
-    std::string name = (folder_ / "download-XXXXXX").string();
-    descriptor = mkostemp(name.data(), O_CLOEXEC);
-    call = "mkostemp";
-    path_ = descriptor >= 0 ? fs::path(name) : folder_;
+    descriptor = createUniqueFile(folder_, "download-", path_);
+    if (descriptor < 0) path_ = folder_;
   } else {
     descriptor = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   }
   if (descriptor < 0) {
-    return fileError(kURLErrorCannotCreateFile, "Cannot open the download file", makePOSIXError(call, errno));
+    return fileError(kURLErrorCannotCreateFile, "Cannot open the download file", makePOSIXError("open", errno));
   }
   file_ = std::make_unique<FileWriter>(descriptor, kFileBufferSize);
   return truncateFile();
@@ -150,12 +158,15 @@ ErrorPtr DownloadTaskBody::didReceiveResponse(const HTTPResponse& response, std:
     return nullptr;
   }
   if (rangeSent_ && status_ == 206) {
-    if (rangeStart(response) != offset_) {
+    // Appended only to the bytes of the same entity, right where they end; anything
+    // else would splice two files into one.
+    if (rangeStart(response) != offset_ || !carriesValidator(response, validator_)) {
       restartWanted_ = true;
       return makeTransportError(kURLErrorBadServerResponse,
-                                "The server resumed the download at another position than requested.", url_);
+                                "The server's partial answer does not continue the stored download "
+                                "(another position or another validator).",
+                                url_);
     }
-    if (const std::string validator = validatorOf(response); !validator.empty()) validator_ = validator;
     return nullptr;
   }
   // The whole entity (a changed one, or an answer that ignored the range), or an error
@@ -227,14 +238,18 @@ ErrorPtr DownloadTaskBody::didFinish(ErrorPtr error, bool cancelled) {
 bool DownloadTaskBody::moveFile(const fs::path& target, ErrorPtr& error) {
   std::error_code failure;
   fs::rename(path_, target, failure);
-  if (failure == std::errc::cross_device_link) {
-    failure.clear();
-    fs::copy_file(path_, target, fs::copy_options::overwrite_existing, failure);
-    if (!failure) fs::remove(path_, failure);
-  }
   if (!failure) return true;
+  std::string reason = failure.message();
+  if (failure == std::errc::cross_device_link) {
+    ErrorPtr copyFailure;
+    if (replaceFileWithCopy(path_, target, &copyFailure)) {
+      removeFile();
+      return true;
+    }
+    reason = copyFailure->localizedDescription();
+  }
   error = makeTransportError(kURLErrorCannotWriteToFile,
-                             "Cannot move the downloaded file to " + target.string() + ": " + failure.message(), url_);
+                             "Cannot move the downloaded file to " + target.string() + ": " + reason, url_);
   return false;
 }
 

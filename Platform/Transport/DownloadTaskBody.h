@@ -1,14 +1,16 @@
-// The body sink of download tasks: streams the answer to a partial file, continues
-// from resume data, and on success moves the file where the destination callback says.
+// The body sink of download tasks: streams the answer to a partial file in the private
+// partial downloads folder, continues from resume data, and on success moves the file
+// where the destination callback says.
 // Internal to the transport.
 //
 // The resume bookkeeping (offset kept from before, bytes written, validator, the
 // partial file) changes in these hooks only:
 // - willSend() opens the file before the first exchange and, when there is an offset
 //   and a validator, asks for the rest with Range and If-Range;
-// - didReceiveResponse() keeps the offset for a 206 from the position asked for, asks
-//   for a restart when the answer cannot be appended (416, or a 206 from elsewhere),
-//   and otherwise (the whole entity, or an error answer) starts the file over;
+// - didReceiveResponse() keeps the offset for a 206 from the position asked for under
+//   the stored validator, asks for a restart when the answer cannot be appended (416,
+//   or a 206 from another position or of another entity), and otherwise (the whole
+//   entity, or an error answer) starts the file over;
 // - shouldRestart() then starts the file over with a plain request, once;
 // - didFinish() closes the file and keeps it as resume data, or removes it, and hands
 //   the resume data (or absent) to endingResumeData() at once, on the worker thread.

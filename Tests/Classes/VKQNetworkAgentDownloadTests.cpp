@@ -1,9 +1,14 @@
 // Resumable downloads through the agent: where the file lands, resume data stored under
 // the right names when a download fails or is cancelled and taken up by the next
 // download (also one started right after the cancel), resume data that is not offered,
-// refused or replaced and its partial file, and the folder guard. (How the transport
-// continues a download is tested with the transport.)
+// refused or replaced and its partial file, the folder guard, and what a failure (a
+// full disk included) leaves at the target. (How the transport continues a download
+// is tested with the transport.)
+#include <sys/resource.h>
+#include <sys/stat.h>
+
 #include <atomic>
+#include <csignal>
 #include <future>
 
 #include "Tests/Classes/AgentTestSupport.h"
@@ -23,13 +28,15 @@ class VKQNetworkAgentDownload : public vkq::testing::AgentTest {
     writeFile(folder / "source.bin", content);
     server.serveFile("/files/" + name, folder / "source.bin", options.withETag("\"v1\""));
   }
-  // Starts a download of "/files/<name>" into `target`, keeping the bytes its progress
-  // reports.
+  // Starts a download of "/files/<name>" (or of `name` when it is a URL) into
+  // `target`, keeping the bytes its progress reports.
   std::shared_ptr<vkq::testing::Calls> download(const std::string& name, const std::string& target) {
-    request = VKQVesk::initWithDownloadURL(server.url("/files/" + name), target, nullptr);
+    request = VKQVesk::initWithDownloadURL(name.starts_with("http:") ? name : server.url("/files/" + name), target,
+                                           nullptr);
     auto calls = vkq::testing::attach(*request);
-    auto progress = [this, hold = progressHold](const vkq::platform::Progress& p) {
+    auto progress = [this, hold = progressHold, complete = onComplete](const vkq::platform::Progress& p) {
       received = p.completedUnitCount;
+      if (complete && p.completedUnitCount == p.totalUnitCount) complete();
       EXPECT_TRUE(!hold.valid() || hold.wait_for(std::chrono::seconds(20)) == std::future_status::ready);
     };
     request->downloadtWithSuccess(request->successResultBlock(), progress, request->failureResultBlock());
@@ -51,11 +58,15 @@ class VKQNetworkAgentDownload : public vkq::testing::AgentTest {
   std::shared_ptr<VKQVesk> request;
   std::atomic<std::int64_t> received = 0;
   std::shared_future<void> progressHold;  // when valid, progress callbacks wait for it (bounded)
+  // When set, runs in the progress callback that reports the last byte: on the
+  // transport's completion queue, before the file is moved to its target.
+  std::function<void()> onComplete;
 };
 
 TEST_F(VKQNetworkAgentDownload, AnInterruptedDownloadLeavesResumeDataUnderItsNamesAndTheNextOneContinues) {
   fs::create_directory(folder / "inbox");
   const std::string content = vkq::testing::patternBytes(400'000, 3);
+  ::umask(027);
   // Into a file; into a folder, under the URL's name: stored under the folder's name and
   // the file's.
   for (const auto& [target, file] : {std::pair<std::string, std::string>{folder / "b.zip", folder / "b.zip"},
@@ -63,14 +74,18 @@ TEST_F(VKQNetworkAgentDownload, AnInterruptedDownloadLeavesResumeDataUnderItsNam
     SCOPED_TRACE(target);
     serve("b.zip", content, FileOptions().dropAfter(150'000));
     writeFile(file, "an older file");
+    // Resume data of another URL of the same name is not continued: b.zip starts afresh.
+    server.serveFile("/mirror/b.zip", folder / "source.bin", FileOptions().withETag("\"v1\"").dropAfter(100'000));
+    EXPECT_EQ(downloadToEnd(server.url("/mirror/b.zip"), target), VKQResponseCodeHTTPError);
     EXPECT_EQ(downloadToEnd("b.zip", target), VKQResponseCodeHTTPError);
-    EXPECT_FALSE(fs::exists(file));  // the older file went when the download started
+    EXPECT_EQ(readFile(file), "an older file");  // replaced by a complete file only
     EXPECT_TRUE(hasResumeData(target) && hasResumeData(file));
 
     serve("b.zip", content);
     EXPECT_EQ(downloadToEnd("b.zip", target), VKQResponseCodeSuccess);
     EXPECT_EQ(lastRange(), "bytes=150000-");
     EXPECT_EQ(readFile(file), content);
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0640));  // as any new file
     EXPECT_EQ(request->responseData(), vkq::platform::Object(vkq::platform::URL::fileURLWithPath(file, false)));
     EXPECT_FALSE(hasResumeData(target) || hasResumeData(file));  // nothing left to mislead a later download
   }
@@ -120,13 +135,73 @@ TEST_F(VKQNetworkAgentDownload, ResumeDataThatIsReplacedOrRefusedTakesItsPartial
   }
 }
 
-TEST_F(VKQNetworkAgentDownload, ANameThatWouldLeaveTheFolderFailsTheRequestBeforeAnythingIsSent) {
-  for (const char* name : {"%2E%2E", "..", ".", "a%2F..%2Fkeep.txt"}) {
+// A name that would leave the folder, or a folder at the target (never replaced), or a
+// partial downloads folder that someone else could have planted fail the request.
+TEST_F(VKQNetworkAgentDownload, ADownloadWithNowhereSafeToGoFailsBeforeAnythingIsSent) {
+  fs::create_directories(folder / "taken/inside");
+  fs::create_directory_symlink(folder.path(), vkq::platform::HTTPSessionManager::partialDownloadsFolder());
+  for (const char* name : {"%2E%2E", "..", ".", "a%2F..%2Fkeep.txt", "..%2F", "taken", "x"}) {
     EXPECT_EQ(downloadToEnd(name, folder.path()), VKQResponseCodeHTTPError) << name;
     EXPECT_EQ(request->error()->domain(), vkq::platform::kURLErrorDomain);
     EXPECT_EQ(request->error()->code(), vkq::platform::kURLErrorCannotCreateFile);
   }
+  EXPECT_TRUE(fs::exists(folder / "taken/inside"));
+  EXPECT_NE(request->description().find("is a symbolic link"), std::string::npos) << request->description();
   EXPECT_EQ(server.requestCount(), 0u);
+}
+
+// A 206 is appended only when it names the stored entity and starts where its bytes
+// end; otherwise the download starts over, and never splices.
+TEST_F(VKQNetworkAgentDownload, APartialAnswerThatDoesNotContinueTheEntityStartsTheDownloadOver) {
+  const std::string older = vkq::testing::patternBytes(300'000, 1), newer = vkq::testing::patternBytes(300'000, 2);
+  // The ETag and first byte of the 206: another entity's; the stored one's, but from the start.
+  for (const auto& [etag, start] : {std::pair<std::string, std::size_t>{"\"v2\"", 100'000}, {"\"v1\"", 0}}) {
+    serve("e.bin", older, FileOptions().dropAfter(100'000));
+    EXPECT_EQ(downloadToEnd("e.bin", folder / "e.bin"), VKQResponseCodeHTTPError);
+    server.handle("/files/e.bin", [newer, etag, start](const httplib::Request& in, httplib::Response& out) {
+      out.status = in.has_header("Range") ? 206 : 200;
+      out.set_header("ETag", out.status == 206 ? etag : "\"v2\"");
+      if (out.status == 206) out.set_header("Content-Range", "bytes " + std::to_string(start) + "-299999/300000");
+      out.set_content(newer.substr(out.status == 206 ? start : 0), "application/octet-stream");
+    });
+    EXPECT_EQ(downloadToEnd("e.bin", folder / "e.bin"), VKQResponseCodeSuccess);
+    EXPECT_TRUE(readFile(folder / "e.bin") == newer && vkq::testing::partialFiles().empty());
+  }
+}
+
+// A full disk in the temporary directory keeps no cut resume data and no partial file
+// that nothing refers to; on the target's file system (a copy across file systems) it
+// leaves the target as it was and no copy beside it.
+TEST_F(VKQNetworkAgentDownload, AFullDiskLeavesNeitherCutFilesNorOrphansNorAChangedTarget) {
+  // Pieces under 64 KiB are gathered, so the first failed write is the one on closing.
+  const std::string content = vkq::testing::patternBytes(60'000, 4), target = folder / "f.bin";
+  serve("f.bin", content);
+  // Writes past `bytes` fail from now on in this process, as on a full disk (EFBIG, with
+  // SIGXFSZ ignored); RLIM_INFINITY lifts the limit.
+  std::signal(SIGXFSZ, SIG_IGN);
+  const auto limitFileSize = [](rlim_t bytes) {
+    const rlimit limit{bytes, RLIM_INFINITY};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  };
+  limitFileSize(4096);  // the resume data, with its long URL, is larger
+  EXPECT_NE(downloadToEnd(server.url("/files/f.bin?pad=" + std::string(5000, 'x')), target), VKQResponseCodeSuccess);
+  limitFileSize(RLIM_INFINITY);
+  EXPECT_TRUE(fs::is_empty(*agent().incompleteDownloadTempCacheFolder()) && vkq::testing::partialFiles().empty());
+
+  // The rest moves the file across file systems: /dev/shm must be another one.
+  struct stat here {}, shm {};
+  if (::stat("/dev/shm", &shm) || ::stat(folder.path().c_str(), &here) || shm.st_dev == here.st_dev) GTEST_SKIP();
+  const vkq::testing::PrivateTemporaryDirectory elsewhere("/dev/shm");
+  writeFile(target, "an older file");
+  onComplete = [limitFileSize] { limitFileSize(4096); };
+  EXPECT_NE(downloadToEnd("f.bin", target), VKQResponseCodeSuccess);
+  limitFileSize(RLIM_INFINITY);
+  EXPECT_TRUE(readFile(target) == "an older file");
+  EXPECT_NE(request->description().find("write: File too large"), std::string::npos) << request->description();
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 2);  // source.bin and f.bin
+  onComplete = nullptr;
+  EXPECT_EQ(downloadToEnd("f.bin", target), VKQResponseCodeSuccess);
+  EXPECT_TRUE(readFile(target) == content);
 }
 
 }  // namespace

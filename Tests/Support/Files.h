@@ -9,14 +9,15 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace vkq::testing {
 
-// A scratch folder removed with the object.
+// A scratch folder (in the temporary directory, or in `parent`) removed with the object.
 class ScratchFolder {
  public:
-  ScratchFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vkq-test-XXXXXX").string();
+  explicit ScratchFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string pattern = (parent / "vkq-test-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make " + pattern);
     path_ = pattern;
   }
@@ -28,17 +29,23 @@ class ScratchFolder {
   std::filesystem::path path_;
 };
 
-// Points TMPDIR at a folder of its own while it lives, so that files the transport
-// keeps under the temporary directory are this test's alone (tests run in parallel).
+// Points TMPDIR and XDG_CACHE_HOME at a folder of its own (in the temporary directory,
+// or in `parent`) while it lives, so that the files the library keeps there are this
+// test's alone (tests run in parallel).
 class PrivateTemporaryDirectory : ScratchFolder {
  public:
-  PrivateTemporaryDirectory() : previous_(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "") {
-    ::setenv("TMPDIR", path().c_str(), 1);
+  explicit PrivateTemporaryDirectory(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+      : ScratchFolder(parent) {
+    for (auto& [name, previous] : variables_) previous = std::getenv(name) ? std::getenv(name) : "";
+    for (auto& [name, previous] : variables_) ::setenv(name, path().c_str(), 1);
   }
-  ~PrivateTemporaryDirectory() { previous_.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", previous_.c_str(), 1); }
+  ~PrivateTemporaryDirectory() {
+    for (auto& [name, previous] : variables_) previous.empty() ? ::unsetenv(name) : ::setenv(name, previous.c_str(), 1);
+  }
+  using ScratchFolder::path;
 
  private:
-  const std::string previous_;
+  std::pair<const char*, std::string> variables_[2] = {{"TMPDIR", ""}, {"XDG_CACHE_HOME", ""}};
 };
 
 // Bytes that differ with `seed` and position, so a misplaced block shows.

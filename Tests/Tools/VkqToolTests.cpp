@@ -48,7 +48,7 @@ class VkqTool : public ::testing::Test {
   // A command line that runs `program` with the test's own temporary folder (and so
   // its own resume data).
   Arguments inFolder(const Arguments& arguments, const std::string& program = kVkq) const {
-    return concat({"/usr/bin/env", "TMPDIR=" + (folder_ / "tmp").string(), program}, arguments);
+    return concat({"/usr/bin/env", "-u", "XDG_CACHE_HOME", "TMPDIR=" + (folder_ / "tmp").string(), program}, arguments);
   }
   // Runs `program` to its end (at most a minute).
   struct Completed { std::optional<int> status; std::string out, err; };

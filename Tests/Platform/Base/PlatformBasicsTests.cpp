@@ -1,5 +1,7 @@
-// The platform basics: errors, assertions, the debug log, objects and queues.
+// The platform basics: errors, assertions, the debug log, objects, queues and private
+// folders.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -9,9 +11,11 @@
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Error.h"
 #include "Platform/Base/Log.h"
+#include "Platform/Base/PrivateFolder.h"
 #include "Platform/Serialization/Object.h"
 #include "Platform/Base/SerialQueue.h"
 #include "Platform/HTTP/URL.h"
+#include "Tests/Support/Files.h"
 #include "Tests/Support/LogCapture.h"
 
 namespace vkq::platform {
@@ -24,6 +28,19 @@ TEST(Error, DescriptionFallsBackFromDescriptionToReasonToDomainAndCode) {
   info.localizedDescription = "described";
   EXPECT_EQ(Error("d", -1016, info).description(), "Error Domain=d Code=-1016 \"described\"");
   EXPECT_EQ(Error("vkq.x", 7).localizedDescription(), "The operation couldn't be completed. (vkq.x error 7.)");
+}
+
+// (A symbolic link in its place is refused too: see the agent's download tests.)
+TEST(PrivateFolder, IsTheUsersAloneAndRefusedWhenAnotherUsersOne) {
+  const vkq::testing::PrivateTemporaryDirectory temporary;              // restores TMPDIR and XDG_CACHE_HOME
+  ::setenv("XDG_CACHE_HOME", (temporary.path() / "cache").c_str(), 1);  // comes first
+  const std::filesystem::path folder = privateFolderPath("x");
+  ASSERT_EQ(folder, temporary.path() / "cache/x");
+  std::filesystem::create_directories(folder);  // as an earlier version left it: 0777 less the umask
+  ASSERT_TRUE(preparePrivateFolder(folder, nullptr));
+  EXPECT_EQ(std::filesystem::status(folder).permissions(), std::filesystem::perms::owner_all);
+  // Root can give it to another user: then it is refused.
+  EXPECT_TRUE(::geteuid() != 0 || ::chown(folder.c_str(), 65534, 65534) != 0 || !preparePrivateFolder(folder, nullptr));
 }
 
 TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
