@@ -99,7 +99,8 @@ std::shared_ptr<URLSessionDownloadTask> VKQNetworkAgent::downloadTaskWithDownloa
   std::shared_ptr<URLSessionDownloadTask> task;
   if (validateResumeData(resumeData)) {
     ErrorPtr refusal;
-    task = manager_->downloadTaskWithResumeData(*resumeData, progress, destination, completion, &refusal);
+    task = manager_->downloadTaskWithResumeData(*resumeData, progress, destination, completion, &refusal,
+                                                &*urlRequest);
     if (!task) DDDebug("Resume download failed, reason = ", refusal->localizedDescription());
   }
   if (!task) {

@@ -101,10 +101,14 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequ
 
 std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResumeData(
     const Bytes& resumeData, ProgressBlock progress, DownloadDestination destination,
-    DownloadTaskCompletion completionHandler, ErrorPtr* error) {
+    DownloadTaskCompletion completionHandler, ErrorPtr* error, const URLRequest* settings) {
   const auto resume = ResumeData::decode(resumeData, error);
   if (!resume) return nullptr;
   URLRequest request = DownloadTaskBody::requestForResumeData(*resume);
+  if (settings) {
+    request.retryPolicy = settings->retryPolicy;
+    request.deadlineInterval = settings->deadlineInterval;
+  }
   if (!request.url || (request.url->scheme() != "http" && request.url->scheme() != "https")) {
     setError(error, makeResumeDataRefusal("not an HTTP URL"));
     return nullptr;

@@ -113,11 +113,13 @@ class HTTPSessionManager {
   // whole (changed) entity instead, the download starts over. Null, with an error of
   // kURLErrorDomain (kURLErrorCannotDecodeRawData) saying why, when the data is not
   // resume data of this transport or its partial file is missing or of another size.
-  // Use the resume data for one task only.
+  // Use the resume data for one task only. Resume data keeps no retry policy or
+  // deadline: the task takes them from `settings` (URLRequest's defaults when null).
   std::shared_ptr<URLSessionDownloadTask> downloadTaskWithResumeData(const Bytes& resumeData, ProgressBlock progress,
                                                                      DownloadDestination destination,
                                                                      DownloadTaskCompletion completionHandler,
-                                                                     ErrorPtr* error);
+                                                                     ErrorPtr* error,
+                                                                     const URLRequest* settings = nullptr);
 
  private:
   const std::shared_ptr<SessionEngine> engine_;

@@ -194,6 +194,18 @@ bool DownloadTaskBody::shouldRestart() {
   return truncateFile() == nullptr;
 }
 
+bool DownloadTaskBody::prepareRetry() {
+  if (!file_) return true;  // nothing written yet
+  if (isResumable()) {
+    offset_ = written_;  // willSend() asks for the rest, guarded by the validator
+    return true;
+  }
+  restartWanted_ = false;
+  offset_ = 0;
+  validator_.clear();
+  return truncateFile() == nullptr;
+}
+
 bool DownloadTaskBody::isResumable() const {
   const bool entityOnDisk = status_ == 0 || status_ == 200 || status_ == 206;
   return isGET_ && !restartWanted_ && !validator_.empty() && written_ > 0 && entityOnDisk && !path_.empty();

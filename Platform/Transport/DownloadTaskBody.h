@@ -12,6 +12,8 @@
 //   or a 206 from another position or of another entity), and otherwise (the whole
 //   entity, or an error answer) starts the file over;
 // - shouldRestart() then starts the file over with a plain request, once;
+// - prepareRetry() keeps what a failed exchange wrote of the entity as the offset to
+//   continue from, when it can be continued, and otherwise starts the file over;
 // - didFinish() closes the file and keeps it as resume data, or removes it, and hands
 //   the resume data (or absent) to endingResumeData() at once, on the worker thread.
 #pragma once
@@ -66,7 +68,7 @@ class DownloadTaskBody final : public BodySink {
   ErrorPtr didReceiveResponse(const HTTPResponse& response, std::int64_t bodyLength) override;
   ErrorPtr didReceiveData(const char* data, std::size_t length) override;
   bool shouldRestart() override;
-  bool prepareRetry() override { return false; }
+  bool prepareRetry() override;
   ErrorPtr didFinish(ErrorPtr error, bool cancelled) override;
   std::int64_t length() const override { return written_; }
 

@@ -211,6 +211,19 @@ TEST_F(VkqDownload, KilledWithoutResumeDataStartsAfreshOnTheNextRun) {
   EXPECT_THAT(interruptAndRunAgain(SIGKILL, 128 + SIGKILL), ::testing::Not(HasSubstr("Range:")));
 }
 
+TEST_F(VkqDownload, ADownloadOverAConnectionThatDropsCompletesInOneRunWithRetries) {
+  ServeProcess server(concat(root(), {"--drop-every", "1000000", "--fail-first", "1"}));
+  EXPECT_EQ(vkq(download(server)).status, 2);  // 503, and no retries asked for
+  const auto result = vkq(concat(download(server), {"--retries", "5", "--metrics"}));
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(readFile(folder_ / "big.bin") == content_);
+  // Four exchanges of at most 1,000,000 bytes each, the last three continuing the first.
+  const auto metrics = nlohmann::json::parse(result.err.substr(0, result.err.find('\n')));
+  EXPECT_EQ(metrics["retries"], 3);
+  EXPECT_EQ(metrics["resumed_from_byte"], 3000000);
+  EXPECT_GE(metrics["total_s"].get<double>(), metrics["first_byte_s"].get<double>());
+}
+
 TEST_F(VkqDownload, TheExampleProgramsRunAgainstTheServer) {
   ServeProcess server(root());
   const auto result = vkq({server.url("")}, VKQ_TOUR_BINARY);
