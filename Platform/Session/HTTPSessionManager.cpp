@@ -94,7 +94,7 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithRequ
     const URLRequest& request, ProgressBlock progress, DownloadDestination destination,
     DownloadTaskCompletion completionHandler) {
   return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
-      engine_, std::make_shared<const URLRequest>(request), {nullptr, std::move(progress), kDownloadBufferSize},
+      engine_, std::make_shared<const URLRequest>(request), {nullptr, std::move(progress), kDownloadBufferSize, /*checksExcessBody=*/true},
       partialDownloadsFolder(), request,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
 }
@@ -117,7 +117,7 @@ std::shared_ptr<URLSessionDownloadTask> HTTPSessionManager::downloadTaskWithResu
 
   return makeTask<URLSessionDownloadTask, DownloadTaskBody>(
       engine_, std::make_shared<const URLRequest>(std::move(request)),
-      {nullptr, std::move(progress), kDownloadBufferSize}, *resume,
+      {nullptr, std::move(progress), kDownloadBufferSize, /*checksExcessBody=*/true}, *resume,
       DownloadTaskBody::Callbacks{engine_->responseSerializer(), std::move(destination), std::move(completionHandler)});
 }
 

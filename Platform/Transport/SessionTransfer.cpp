@@ -87,6 +87,7 @@ SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, S
       hasUploadProgress_(static_cast<bool>(options.uploadProgress)),
       hasDownloadProgress_(static_cast<bool>(options.downloadProgress)),
       receiveBufferSize_(options.receiveBufferSize),
+      checksExcessBody_(options.checksExcessBody),
       uploadProgress_(std::move(options.uploadProgress)),
       downloadProgress_(std::move(options.downloadProgress)),
       retrier_(request_ ? request_->retryPolicy : RetryPolicy{}, request_ ? request_->HTTPMethod : "GET") {}
@@ -215,10 +216,10 @@ void SessionTransfer::prepareHandle(EasyHandle& easy, CURLSH* share) {
   // Redirects are followed by the transfer itself (followRedirect()): libcurl would
   // repeat a custom method, such as DELETE, at the location a 303 names.
   curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
-  // Verbose only so that onDebug() hears of excess body bytes; nothing is printed.
+  // Verbose (Options::checksExcessBody) only so that onDebug() hears of excess body
+  // bytes; nothing is printed.
   curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, &SessionTransfer::onDebug);
   curl_easy_setopt(handle, CURLOPT_DEBUGDATA, &easy);
-  curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
   curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
   curl_easy_setopt(handle, CURLOPT_SHARE, share);
@@ -233,6 +234,7 @@ void SessionTransfer::configure(const URLRequest& request) {
   // exchange on the same handle stays.
   easy_->setURL(request.url->absoluteString());
   easy_->setReceiveBufferSize(receiveBufferSize_ > 0 ? receiveBufferSize_ : CURL_MAX_WRITE_SIZE);
+  curl_easy_setopt(easy_->get(), CURLOPT_VERBOSE, checksExcessBody_ ? 1L : 0L);
   easy_->setMethod(request.HTTPMethod, request.HTTPBody ? &*request.HTTPBody : nullptr);
 
   for (const auto& [name, value] : request.allHTTPHeaderFields) easy_->addHeader(name, value);
