@@ -2,7 +2,8 @@
 # The main job in one command: installs what is missing, builds vkq, starts the
 # reference server on free loopback ports and takes a short tour through the vkq
 # client: KXP exchanges (library defaults; a mask key and protocol version), JSON GET
-# and POST, and a download interrupted with SIGINT and resumed by a second run, checked
+# and POST, a download interrupted with SIGINT and resumed by a second run, and one that
+# rides out a server that refuses once and drops the connection every MiB, each checked
 # byte for byte against the original by its SHA-256.
 #
 # Prints one line per step; exits 0 only if every step worked. The servers are stopped
@@ -64,8 +65,11 @@ start_server plain --root "$work/root" --rate-limit $((2 << 20))
 plain=$url
 start_server keyed --xor-key 0x5A --version 3 --package-name com.vkq.demo
 keyed=$url
+start_server flaky --root "$work/root" --fail-first 1 --drop-every $((1 << 20))
+flaky=$url
 echo "servers:  $plain (library defaults, 8 MiB file at 2 MiB/s)"
 echo "          $keyed (key 0x5A, version 3, package com.vkq.demo)"
+echo "          $flaky (503 first, then every answer cut after 1 MiB)"
 
 answer=$("$vkq" kxp "$plain/kxp/echo" --data "hello, kxp") || fail "kxp with the defaults"
 [ "$answer" = "hello, kxp" ] || fail "kxp echoed '$answer'"
@@ -122,4 +126,10 @@ copy=$(sha256sum <"$target" | cut -c1-64)
 [ "$original" = "$copy" ] || fail "the downloaded file differs from the original"
 ok "download, second run" "resumed at byte $from of $((8 << 20)), SHA-256 ${copy:0:16}... matches"
 
+"$vkq" download "$flaky/files/big.bin" "$work/flaky.bin" --retries 10 --metrics 2>"$work/flaky.err" ||
+  fail "the download over the dropping server: $(cat "$work/flaky.err")"
+[ "$(sha256sum <"$work/flaky.bin" | cut -c1-64)" = "$original" ] || fail "the retried download differs"
+retries=$(grep -o '"retries":[0-9]*' "$work/flaky.err" | cut -d: -f2)
+ok "download, dropped every MiB" "one run, $retries retries, SHA-256 matches"
 echo "== all steps passed"
+
