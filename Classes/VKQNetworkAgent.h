@@ -76,7 +76,8 @@ class VKQNetworkAgent {
   // "requestTask should not be nil".
   void addRequest(const std::shared_ptr<VKQVeskRequest>& request);
   // Cancels the request's task and forgets the request: no callback ever runs for it
-  // and its callbacks stay attached. A download is cancelled by producing resume data,
+  // and its callbacks stay attached (unless the request deliversCancellation(): then
+  // its callbacks receive the cancelled exchange's failure). A download is cancelled by producing resume data,
   // which is stored before this returns, so a download of the same path started right
   // after continues from it. For that it waits for the transport's worker thread to
   // stop the transfer (never for the main queue or a callback), so it may be called

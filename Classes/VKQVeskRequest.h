@@ -111,6 +111,12 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   void downloadtWithSuccess(ResultBlock success, ProgressBlock progress, ResultBlock failure);
   // Drops the success, failure and completion callbacks; keeps the progress callback.
   void clearCompletionBlock();
+  // False (the default): VKQNetworkAgent::cancelRequest() drops the request and no
+  // callback runs. True: the request hears of its cancellation like of any failure of
+  // the exchange, with VKQResponseCodeHTTPError and the error kURLErrorCancelled. The
+  // future and awaitable forms (VKQVeskAsync.h) set it.
+  bool deliversCancellation() const { return deliversCancellation_; }
+  void setDeliversCancellation(bool delivers) { deliversCancellation_ = delivers; }
 
   // ---- Stored state ----
   const std::shared_ptr<vkq::platform::URLSessionTask>& requestTask() const { return requestTask_; }
@@ -160,4 +166,5 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   ResultBlock successBlock_;
   ResultBlock failureBlock_;
   ResultBlock completionBlock_;
+  bool deliversCancellation_ = false;
 };
