@@ -46,8 +46,9 @@ if(TARGET vkq_cli)
   install(FILES Tools/vkq/vkq.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 endif()
 
-# Debian packages, one per component; the runtime libraries they need are found by
-# dpkg-shlibdeps, the -dev package names the -dev packages of the headers and the archive.
+# Debian packages, one per component, each described by the project's summary and a
+# line of its own. dpkg-shlibdeps finds the runtime libraries they need; the -dev
+# package names the -dev packages its headers and archive need.
 set(VKQ_PACKAGE_CONTACT "VKQVesk maintainers <vkqvesk@localhost>" CACHE STRING "Maintainer field of the Debian packages")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vkqvesk)
@@ -62,21 +63,22 @@ if(TARGET vkq_cli)
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvkqvesk${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}\n The shared library.")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "The shared library, libvkqvesk.so.${PROJECT_VERSION_MAJOR}.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libvkqvesk-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "libcurl4-openssl-dev, libssl-dev, libplist-dev, libdeflate-dev, nlohmann-json3-dev")
-set(CPACK_COMPONENT_DEV_DESCRIPTION
-  "${PROJECT_DESCRIPTION}\n Headers, static library, CMake package (find_package(VKQVesk)) and pkg-config file (vkqvesk).")
+set(CPACK_DEBIAN_DEV_DESCRIPTION
+  "Development files: headers, static library, CMake package (find_package(VKQVesk)) and pkg-config file (vkqvesk).")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME vkq)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION net)
-set(CPACK_COMPONENT_TOOL_DESCRIPTION "command-line client and reference server of the VKQVesk library\n \
- vkq sends KXP and JSON requests, downloads files with resume, and runs the reference server.")
+set(CPACK_DEBIAN_TOOL_DESCRIPTION
+  "vkq, the command-line client (KXP and JSON requests, resumable downloads) and the reference server.")
 include(CPack)
