@@ -32,6 +32,7 @@ std::future<std::shared_ptr<VKQVeskResult>> VKQRequestFuture(const std::shared_p
 // REQUIRES: request is not null and owned by a std::shared_ptr.
 class VKQRequestAwaitable {
  public:
+  // Awaits `request`; nothing starts before the co_await.
   explicit VKQRequestAwaitable(std::shared_ptr<VKQVeskRequest> request) : request_(std::move(request)) {}
 
   // The request is never finished before it starts: always suspends.

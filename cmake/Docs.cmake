@@ -2,11 +2,11 @@
 # ones that are installed) into docs/html/ of the build folder. It fails on every
 # warning, an undocumented public member among them. Not part of the default build.
 find_package(Doxygen QUIET)
-if(NOT DOXYGEN_FOUND)
+find_package(Python3 QUIET COMPONENTS Interpreter)
+if(NOT DOXYGEN_FOUND OR NOT Python3_Interpreter_FOUND)
   return()
 endif()
 # The headers document with plain // comments; the filter shows them to Doxygen as its own.
-find_package(Python3 REQUIRED COMPONENTS Interpreter)
 list(JOIN VKQ_PUBLIC_HEADERS " " VKQ_DOXYGEN_INPUT)
 set(VKQ_DOXYGEN_FILTER "${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/scripts/doxygen-filter.py")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)

@@ -3,7 +3,7 @@
 # builds and runs the whole suite again under AddressSanitizer + UndefinedBehaviorSanitizer,
 # and once more under ThreadSanitizer, so that a race in the hand-offs between threads
 # cannot land. After the plain run, an application is built against an install of it
-# (scripts/consumer-test.sh).
+# (scripts/consumer-test.sh) and the API reference is made (no undocumented public member).
 #
 #   scripts/test.sh          the three runs (what CI does)
 #   scripts/test.sh --quick  the plain run and the consumer build only
@@ -28,9 +28,16 @@ run_suite() {
   ctest --test-dir "$dir" -j"$jobs" --output-on-failure
 }
 
+# The API reference: fails when a public member has no documentation.
+docs() {
+  echo "== docs"
+  cmake --build "$1" --target docs
+}
+
 case "${1:-}" in
   --tsan)  run_suite tsan build-tsan ;;
   --quick) run_suite ci build; scripts/consumer-test.sh build ;;
-  "")      run_suite ci build; scripts/consumer-test.sh build; run_suite asan build-asan; run_suite tsan build-tsan ;;
+  "")      run_suite ci build; scripts/consumer-test.sh build; docs build
+           run_suite asan build-asan; run_suite tsan build-tsan ;;
   *)       echo "usage: scripts/test.sh [--quick|--tsan]" >&2; exit 64 ;;
 esac

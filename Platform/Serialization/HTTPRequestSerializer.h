@@ -38,12 +38,15 @@ class MultipartFormData {
   // A plain form field.
   virtual void appendPartWithFormData(const Bytes& data, std::string_view name) = 0;
 };
+// Appends the parts of a multipart/form-data body.
 using MultipartBodyBlock = std::function<void(MultipartFormData& formData)>;
 
 class HTTPRequestSerializer {
  public:
+  // A serializer with the defaults.
   static std::shared_ptr<HTTPRequestSerializer> serializer();
 
+  // The defaults; prefer serializer(), which shares it.
   HTTPRequestSerializer();
   virtual ~HTTPRequestSerializer();
 
@@ -56,15 +59,20 @@ class HTTPRequestSerializer {
   // Sets a default field; an absent value removes it. A name or value holding CR, LF
   // or NUL is refused: nothing is stored and the result is false.
   bool setValue(std::optional<std::string_view> value, std::string_view field);
+  // The default field `field`, absent when not set.
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
   // "Authorization" = "Basic " + base64("username:password").
   void setAuthorizationHeaderFieldWithUsername(std::string_view username, std::string_view password);
+  // Removes the default "Authorization" field.
   void clearAuthorizationHeader();
 
+  // The idle time-out of the requests built, in seconds.
   double timeoutInterval() const { return timeoutInterval_; }
   void setTimeoutInterval(double seconds) { timeoutInterval_ = seconds; }
+  // URLRequest::allowsCellularAccess of the requests built.
   bool allowsCellularAccess() const { return allowsCellularAccess_; }
   void setAllowsCellularAccess(bool allowed) { allowsCellularAccess_ = allowed; }
+  // The methods whose parameters go into the URI's query rather than the body.
   const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const { return methodsInURI_; }
   void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) { methodsInURI_ = std::move(methods); }
   // Whether `method`, in any letter case, carries its parameters in the URI.
@@ -97,6 +105,7 @@ class HTTPRequestSerializer {
 
   // Copying and keyed archiving keep the settings above.
   virtual std::shared_ptr<HTTPRequestSerializer> copy() const;
+  // Writes the settings into `coder`.
   virtual void encodeWithCoder(KeyedArchiver& coder) const;
   // Restores the settings; false when the archive does not hold a serializer.
   virtual bool initWithCoder(const KeyedUnarchiver& coder);
@@ -122,6 +131,7 @@ class HTTPRequestSerializer {
 // floats in their shortest round-trip form), pairs joined by "&". Keys and values are
 // percent-encoded with RFC 3986's query characters minus ":#[]@!$&'()*+,;=".
 std::string queryStringFromParameters(const JSON& parameters);
+// `text` percent-encoded as a key or value of such a query.
 std::string percentEscapedQueryString(std::string_view text);
 
 }  // namespace vkq::platform
