@@ -3,6 +3,9 @@
 //   std::shared_ptr<VKQVeskResult> result = VKQRequestFuture(request).get();
 //   std::shared_ptr<VKQVeskResult> result = co_await VKQRequestAwaitable(request);
 //
+// The awaitable works in any coroutine type; VKQDetachedCoroutine is one for code
+// that no one waits for.
+//
 // Both start the request through the shared agent as requestCompletion() does and hand
 // over the result its completion callback receives (null when the request's response
 // serializer type selects no decoder). They set the request's deliversCancellation():
@@ -16,6 +19,7 @@
 #pragma once
 
 #include <coroutine>
+#include <exception>
 #include <future>
 #include <memory>
 
@@ -45,4 +49,23 @@ class VKQRequestAwaitable {
  private:
   std::shared_ptr<VKQVeskRequest> request_;
   std::shared_ptr<VKQVeskResult> result_;
+};
+
+// A coroutine type for code that awaits requests and that no one waits for: it runs
+// from its call to its first suspension, and on from each resumption to its end, then
+// frees itself. An exception escaping it ends the program (std::terminate).
+//
+//   VKQDetachedCoroutine fetch(std::shared_ptr<VKQVeskRequest> request) {
+//     auto result = co_await VKQRequestAwaitable(request);
+//     ...
+//   }
+struct VKQDetachedCoroutine {
+  // The coroutine's promise: no result, no suspension at either end.
+  struct promise_type {
+    VKQDetachedCoroutine get_return_object() noexcept { return {}; }
+    std::suspend_never initial_suspend() noexcept { return {}; }
+    std::suspend_never final_suspend() noexcept { return {}; }
+    void return_void() noexcept {}
+    void unhandled_exception() noexcept { std::terminate(); }
+  };
 };

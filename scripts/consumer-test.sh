@@ -3,8 +3,8 @@
 # Tools/examples/consumer/ against it, as a user of the installed library would: once
 # through find_package (the shared object, then the archive) and once through
 # pkg-config. Each build then runs one KXP and one JSON exchange with the installed
-# `vkq serve`. Also checks that the installed headers compile on their own and that no
-# private header was installed.
+# `vkq serve`. Also checks that the installed headers compile on their own, that no
+# private header was installed and that the manual page names every option.
 #
 #   scripts/consumer-test.sh [BUILD_DIR]     (default: build)
 set -euo pipefail
@@ -38,6 +38,11 @@ private=$(find "$prefix/include" -path '*/Platform/Transport*' -o -name '*+Priva
 # Every installed header, included together: none may include a header that is not installed.
 find "$prefix/include/vkqvesk" -name '*.h' -printf '#include "%P"\n' >"$work/all-headers.cpp"
 quietly "$work/headers.log" c++ -std=c++20 -fsyntax-only -I"$prefix/include/vkqvesk" "$work/all-headers.cpp"
+
+# The manual page is written by hand: it must name every option the tool's help lists.
+for option in $("$prefix/bin/vkq" --help | grep -o -- '--[a-z][a-z-]*' | sort -u); do
+  grep -qF -- "${option//-/\\-}" "$prefix/share/man/man1/vkq.1" || fail "vkq(1) does not name $option"
+done
 
 "$prefix/bin/vkq" serve --port 0 >"$work/serve.out" 2>"$work/serve.log" &
 server_pid=$!

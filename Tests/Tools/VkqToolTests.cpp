@@ -76,18 +76,6 @@ TEST_F(VkqTool, HelpGoesToStandardOutputWith0AndMistakesToStandardErrorWith64) {
   }
 }
 
-// The manual page is written by hand: an option the help lists and vkq(1) does not name fails here.
-TEST_F(VkqTool, TheManualPageNamesEveryOptionOfTheHelp) {
-  const std::string help = vkq({"--help"}).out;  // every subcommand with its options
-  const std::string manual = readFile(fs::path(VKQ_SOURCE_DIR) / "Tools/vkq/vkq.1");
-  const std::regex option("--[a-z][a-z-]*");
-  std::size_t options = 0;
-  for (std::sregex_iterator it(help.begin(), help.end(), option), end; it != end; ++it, ++options) {
-    EXPECT_THAT(manual, HasSubstr(std::regex_replace(it->str(), std::regex("-"), "\\-"))) << "in roff, \\- is a hyphen";
-  }
-  EXPECT_GT(options, 20u);
-}
-
 TEST_F(VkqTool, KXPEchoesThroughServeWithTheDefaultsAndWithEveryKindOfFrameSetting) {
   ServeProcess plain({});
   const auto result = vkq({"kxp", plain.url("/kxp/echo"), "--data", "hello, kxp"});
@@ -229,8 +217,7 @@ TEST_F(VkqDownload, TheExampleProgramsRunAgainstTheServer) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("kxp answer: hello, kxp\n"));
   EXPECT_THAT(result.out, HasSubstr(R"(json answer: {"city":"Oslo","days":3})"));
-  EXPECT_THAT(result.out, HasSubstr(R"(future: {"city":"Lima"})"));
-  EXPECT_THAT(result.out, HasSubstr(R"(coroutine: {"days":5})"));
+  EXPECT_THAT(result.out, HasSubstr("future: {\"city\":\"Lima\"}\ncoroutine: {\"days\":5}\n"));
   const fs::path downloaded = folder_ / "tmp" / "vkq-tour-big.bin";
   EXPECT_THAT(result.out, HasSubstr("downloaded to " + downloaded.string()));
   EXPECT_TRUE(readFile(downloaded) == content_);

@@ -4,9 +4,7 @@
 //   build/bin/vkq serve --root DIR &          # prints its URL
 //   build/bin/vkq-tour http://127.0.0.1:PORT
 #include <chrono>
-#include <coroutine>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <future>
 #include <iostream>
@@ -110,18 +108,8 @@ void futureRequest(const std::string& base) {
 }
 
 // --8<-- coroutine
-// Any coroutine type will do; this one runs from its call to its end, owned by no one.
-struct Detached {
-  struct promise_type {
-    Detached get_return_object() { return {}; }
-    std::suspend_never initial_suspend() noexcept { return {}; }
-    std::suspend_never final_suspend() noexcept { return {}; }
-    void return_void() {}
-    void unhandled_exception() { std::terminate(); }
-  };
-};
-
-Detached coroutineRequest(std::string base, bool& done) {
+// Any coroutine type will do; VKQDetachedCoroutine runs until its end, owned by no one.
+VKQDetachedCoroutine coroutineRequest(std::string base, bool& done) {
   auto request = VKQVesk::initWithJSONUrl(base + "/json/echo", vkq::platform::JSON{{"days", 5}});
   // Suspends here and resumes on the main queue with the result. A cancelRequest()
   // resumes it too: code -2, and the request's error says "cancelled".
