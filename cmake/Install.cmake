@@ -38,6 +38,7 @@ install(FILES ${PROJECT_BINARY_DIR}/VKQVeskConfig.cmake ${PROJECT_BINARY_DIR}/VK
 
 # The pkg-config file finds its prefix from its own folder, so the install can move.
 file(RELATIVE_PATH pc_prefix_from_pcfiledir /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" pc_prefix_from_pcfiledir "${pc_prefix_from_pcfiledir}")
 configure_file(cmake/vkqvesk.pc.in ${PROJECT_BINARY_DIR}/vkqvesk.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vkqvesk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
