@@ -76,12 +76,12 @@ class VKQNetworkAgent {
   // "requestTask should not be nil".
   void addRequest(const std::shared_ptr<VKQVeskRequest>& request);
   // Cancels the request's task and forgets the request: no callback ever runs for it
-  // and its callbacks stay attached (unless the request deliversCancellation(): then
-  // its callbacks receive the cancelled exchange's failure). A download is cancelled by producing resume data,
+  // and its callbacks stay attached. A download is cancelled by producing resume data,
   // which is stored before this returns, so a download of the same path started right
   // after continues from it. For that it waits for the transport's worker thread to
   // stop the transfer (never for the main queue or a callback), so it may be called
-  // from any thread, callbacks included.
+  // from any thread, callbacks included. A request that deliversCancellation() is kept
+  // instead, and its callbacks receive the cancelled exchange's failure.
   // REQUIRES: request is not null.
   void cancelRequest(const std::shared_ptr<VKQVeskRequest>& request);
 
@@ -126,9 +126,10 @@ class VKQNetworkAgent {
   // A serializer bound to the request (JSON for type 0, KXP for 1, null otherwise),
   // with its time-out, cellular access, Basic authorization (first element the user,
   // last the password; an empty array sets none) and header fields, the header
-  // dictionary applied last.
-  std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(
-      const std::shared_ptr<VKQVeskRequest>& request) const;
+  // dictionary applied last. Null, with an error naming the field, when a header field
+  // could break the message (CR, LF or NUL; an empty name or one with a colon).
+  std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(const std::shared_ptr<VKQVeskRequest>& request,
+                                                                        vkq::platform::ErrorPtr* error = nullptr) const;
   // The shared response serializers, made on first use (std::call_once: safe from any
   // thread). The JSON one accepts every status: the transport has validated it.
   const std::shared_ptr<VKQJSONResponseSerializer>& jsonResponseSerializer();
@@ -154,20 +155,23 @@ class VKQNetworkAgent {
   // ---- Downloads (VKQNetworkAgent+Downloads.cpp) ----
   // A suspended "GET" download of URLString into `path`: the file itself, or, when
   // `path` is an existing folder, the URL's last path component inside it. A file
-  // already at the target is removed at once. Resumes when VKQResumeDataStore holds
-  // data for the download that validateResumeData() accepts; otherwise (also when the
-  // transport refuses it: "Resume download failed, reason = " is logged) a fresh
-  // download, which discards the resume data stored for the target and its partial
-  // file. When the task ends, a failure's resume data is stored (a cancellation's is
-  // stored by cancelDownloadTask()) and a success removes any. Null with an error
-  // (domain kURLErrorDomain, code kURLErrorCannotCreateFile) when the last path
-  // component would leave the folder (".", "..", empty, or holding "/"), and null with
-  // the serializer's error when the URL request of a fresh download could not be built.
+  // already at the target stays as it is until the new one is complete and takes its
+  // place; a failed download leaves it untouched. Resumes when VKQResumeDataStore
+  // holds data for the download of this URL that validateResumeData() accepts;
+  // otherwise (also when the transport refuses it: "Resume download failed, reason = "
+  // is logged) a fresh download, which discards the resume data stored for the target
+  // and its partial file. When the task ends, a failure's resume data is stored (a
+  // cancellation's is stored by cancelDownloadTask()) and a success removes any. Null
+  // with an error (domain kURLErrorDomain, code kURLErrorCannotCreateFile) when the
+  // last path component would leave the folder (".", "..", empty, or holding "/") or
+  // the target is a folder, and null with the serializer's error when the URL request
+  // of a fresh download could not be built.
   std::shared_ptr<vkq::platform::URLSessionDownloadTask> downloadTaskWithDownloadPath(
       const std::string& path, const vkq::platform::HTTPRequestSerializer& requestSerlizer, std::string_view URLString,
       const vkq::platform::Object& parameters, vkq::platform::ProgressBlock progress, vkq::platform::ErrorPtr* error);
-  // "<temporary directory>/Incomplete" (TMPDIR, default /tmp), created on every call;
-  // absent, after logging "Failed to create cache directory at", when it can't be.
+  // The private folder "Incomplete" (under $XDG_CACHE_HOME, else $TMPDIR, else /tmp;
+  // mode 0700), created on every call; absent, after logging "Failed to create cache
+  // directory at", when it can't be or is not the user's own.
   std::optional<std::string> incompleteDownloadTempCacheFolder() const;
   // True for resume data worth offering to the transport: present, non-empty and in
   // the form the transport's resume data has (a property list, of any content).
