@@ -126,10 +126,9 @@ class VKQNetworkAgent {
   // A serializer bound to the request (JSON for type 0, KXP for 1, null otherwise),
   // with its time-out, cellular access, Basic authorization (first element the user,
   // last the password; an empty array sets none) and header fields, the header
-  // dictionary applied last. Null, with an error naming the field, when a header field
-  // could break the message (CR, LF or NUL; an empty name or one with a colon).
-  std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(const std::shared_ptr<VKQVeskRequest>& request,
-                                                                        vkq::platform::ErrorPtr* error = nullptr) const;
+  // dictionary applied last.
+  std::shared_ptr<VKQHTTPRequestSerializer> requestSerializerForRequest(
+      const std::shared_ptr<VKQVeskRequest>& request) const;
   // The shared response serializers, made on first use (std::call_once: safe from any
   // thread). The JSON one accepts every status: the transport has validated it.
   const std::shared_ptr<VKQJSONResponseSerializer>& jsonResponseSerializer();
@@ -155,23 +154,20 @@ class VKQNetworkAgent {
   // ---- Downloads (VKQNetworkAgent+Downloads.cpp) ----
   // A suspended "GET" download of URLString into `path`: the file itself, or, when
   // `path` is an existing folder, the URL's last path component inside it. A file
-  // already at the target stays as it is until the new one is complete and takes its
-  // place; a failed download leaves it untouched. Resumes when VKQResumeDataStore
-  // holds data for the download of this URL that validateResumeData() accepts;
-  // otherwise (also when the transport refuses it: "Resume download failed, reason = "
-  // is logged) a fresh download, which discards the resume data stored for the target
-  // and its partial file. When the task ends, a failure's resume data is stored (a
-  // cancellation's is stored by cancelDownloadTask()) and a success removes any. Null
-  // with an error (domain kURLErrorDomain, code kURLErrorCannotCreateFile) when the
-  // last path component would leave the folder (".", "..", empty, or holding "/") or
-  // the target is a folder, and null with the serializer's error when the URL request
-  // of a fresh download could not be built.
+  // already at the target is removed at once. Resumes when VKQResumeDataStore holds
+  // data for the download that validateResumeData() accepts; otherwise (also when the
+  // transport refuses it: "Resume download failed, reason = " is logged) a fresh
+  // download, which discards the resume data stored for the target and its partial
+  // file. When the task ends, a failure's resume data is stored (a cancellation's is
+  // stored by cancelDownloadTask()) and a success removes any. Null with an error
+  // (domain kURLErrorDomain, code kURLErrorCannotCreateFile) when the last path
+  // component would leave the folder (".", "..", empty, or holding "/"), and null with
+  // the serializer's error when the URL request of a fresh download could not be built.
   std::shared_ptr<vkq::platform::URLSessionDownloadTask> downloadTaskWithDownloadPath(
       const std::string& path, const vkq::platform::HTTPRequestSerializer& requestSerlizer, std::string_view URLString,
       const vkq::platform::Object& parameters, vkq::platform::ProgressBlock progress, vkq::platform::ErrorPtr* error);
-  // The private folder "Incomplete" (under $XDG_CACHE_HOME, else $TMPDIR, else /tmp;
-  // mode 0700), created on every call; absent, after logging "Failed to create cache
-  // directory at", when it can't be or is not the user's own.
+  // "<temporary directory>/Incomplete" (TMPDIR, default /tmp), created on every call;
+  // absent, after logging "Failed to create cache directory at", when it can't be.
   std::optional<std::string> incompleteDownloadTempCacheFolder() const;
   // True for resume data worth offering to the transport: present, non-empty and in
   // the form the transport's resume data has (a property list, of any content).

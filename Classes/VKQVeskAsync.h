@@ -62,10 +62,15 @@ class VKQRequestAwaitable {
 struct VKQDetachedCoroutine {
   // The coroutine's promise: no result, no suspension at either end.
   struct promise_type {
+    // A handle-less return object: nothing refers to the coroutine.
     VKQDetachedCoroutine get_return_object() noexcept { return {}; }
+    // Runs at once, in the call.
     std::suspend_never initial_suspend() noexcept { return {}; }
+    // Frees the coroutine when it ends.
     std::suspend_never final_suspend() noexcept { return {}; }
+    // No result.
     void return_void() noexcept {}
+    // No one could receive the exception.
     void unhandled_exception() noexcept { std::terminate(); }
   };
 };
