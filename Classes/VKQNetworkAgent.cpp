@@ -96,7 +96,8 @@ void VKQNetworkAgent::cancelRequest(const std::shared_ptr<VKQVeskRequest>& reque
 
   // Forgotten before the task is cancelled: the cancelled task completes on the
   // completion queue, possibly before cancel() returns here, and must find nothing.
-  removeRequestFromRecord(request);
+  // A request that delivers its cancellation stays, and is delivered that completion.
+  if (!request->deliversCancellation()) removeRequestFromRecord(request);
   const std::shared_ptr<URLSessionTask> task = request->requestTask();
   const auto download = std::dynamic_pointer_cast<URLSessionDownloadTask>(task);
   if (download && request->resumableDownloadPath()) {

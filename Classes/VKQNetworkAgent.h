@@ -80,7 +80,8 @@ class VKQNetworkAgent {
   // which is stored before this returns, so a download of the same path started right
   // after continues from it. For that it waits for the transport's worker thread to
   // stop the transfer (never for the main queue or a callback), so it may be called
-  // from any thread, callbacks included.
+  // from any thread, callbacks included. A request that deliversCancellation() is kept
+  // instead, and its callbacks receive the cancelled exchange's failure.
   // REQUIRES: request is not null.
   void cancelRequest(const std::shared_ptr<VKQVeskRequest>& request);
 

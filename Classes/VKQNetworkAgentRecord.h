@@ -15,6 +15,7 @@ class VKQVeskRequest;
 
 class VKQNetworkAgentRecord {
  public:
+  // The key: URLSessionTask::taskIdentifier() of the request's task.
   using TaskIdentifier = std::uint64_t;
 
   // Stores `request` under `key`, replacing an earlier entry under that key.
@@ -33,6 +34,7 @@ class VKQNetworkAgentRecord {
     const auto it = requests_.find(key);
     return it != requests_.end() ? it->second : nullptr;
   }
+  // The number of entries.
   std::size_t count() const {
     std::lock_guard lock(mutex_);
     return requests_.size();

@@ -22,10 +22,13 @@ inline constexpr std::int64_t VKQResponseCodeServerError = -4;
 
 class VKQResponseCode {
  public:
+  // A shared code object, as results hold it.
   static std::shared_ptr<VKQResponseCode> responseCode(std::int64_t code);
 
+  // The code, VKQResponseCodeSuccess by default.
   explicit VKQResponseCode(std::int64_t code = VKQResponseCodeSuccess) : code_(code) {}
 
+  // The code: one of the VKQResponseCode constants, or any other value.
   std::int64_t code() const { return code_; }
   void setCode(std::int64_t code) { code_ = code; }
   // The code's message; absent for an unknown code.

@@ -40,6 +40,7 @@ class VKQResumeDataStore {
   // The resume data stored for a download of `downloadPath` into `targetPath` (equal
   // for a download into a file); absent when there is none.
   static std::optional<vkq::platform::Bytes> load(const std::string& downloadPath, const std::string& targetPath);
+  // Stores `data` under both names, replacing what they held.
   static void store(const std::string& downloadPath, const std::string& targetPath,
                     const vkq::platform::Bytes& resumeData);
   // Removes the resume data of a download that completed (its partial file is now the

@@ -26,8 +26,10 @@
 
 class VKQVesk : public VKQVeskRequest {
  public:
+  // Stores one setting and returns the builder (null once the builder is gone).
   template <typename Value>
   using Promise = std::function<std::shared_ptr<VKQVesk>(Value value)>;
+  // Switches one setting on and returns the builder (null once the builder is gone).
   using SwitchPromise = std::function<std::shared_ptr<VKQVesk>()>;
 
   // A KXP exchange with a mask key and protocol version (0 switches either off).
@@ -53,7 +55,7 @@ class VKQVesk : public VKQVeskRequest {
   // (VKQKXPFrame::kDefaultSettings, big-endian).
   void defultValue();
 
-  // ---- Promises ----
+  // ---- Promises: each sets the request property of its name ----
   Promise<VKQRequestSerializerType> requestSerializerTypePromise();
   Promise<VKQResponseSerializerType> responseSerializerTypePromise();
   Promise<VKQRequestMethod> requestMethedPromise();
@@ -110,11 +112,15 @@ class VKQVesk : public VKQVeskRequest {
   vkq::platform::Object requestArgument() const override;
 
   // ---- Fields ----
+  // The URL url() answers.
   void setUrl(std::string url) { url_ = std::move(url); }
+  // The payload of a KXP request.
   const std::shared_ptr<vkq::platform::Bytes>& requestData() const { return requestData_; }
   void setRequestData(std::shared_ptr<vkq::platform::Bytes> data) { requestData_ = std::move(data); }
+  // The argument of a JSON request or a download.
   const vkq::platform::Object& argument() const { return argument_; }
   void setArgument(vkq::platform::Object argument) { argument_ = std::move(argument); }
+  // The header fields requestHeaderFieldValueDictionary() answers.
   const std::optional<VKQHeaderDictionary>& headers() const { return headers_; }
   void setHeaders(std::optional<VKQHeaderDictionary> headers) { headers_ = std::move(headers); }
 

@@ -66,7 +66,9 @@ using VKQHeaderDictionary = std::map<std::string, std::string>;
 
 class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
  public:
+  // Receives the request's result (null when no decoder made one), on the main queue.
   using ResultBlock = std::function<void(std::shared_ptr<VKQVeskResult> result)>;
+  // Receives a download's progress, on the transport's thread.
   using ProgressBlock = vkq::platform::ProgressBlock;
 
   VKQVeskRequest() = default;
@@ -75,21 +77,30 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   VKQVeskRequest& operator=(const VKQVeskRequest&) = delete;
 
   // ---- Request properties, with the defaults of the base class ----
+  // Where to send the request; used as it is when absolute, else host() and path() decide.
   virtual std::string url() const { return ""; }
+  // The base a relative path() is resolved against.
   virtual std::string host() const { return ""; }
+  // The path: absolute, or relative to host().
   virtual std::string path() const { return ""; }
+  // Seconds without data after which the exchange fails.
   virtual double requestTimeoutInterval() const { return 60.0; }
   // The longest answer body a data request keeps, and the longest payload a KXP answer
   // decompresses to (64 MiB); a longer answer fails with -2 and an error that says so.
   virtual std::size_t maximumResponseLength() const { return vkq::platform::kDefaultMaximumBodyLength; }
+  // What is sent: the body, or the query of a GET, HEAD or DELETE.
   virtual vkq::platform::Object requestArgument() const { return {}; }
+  // The method of a JSON request.
   virtual VKQRequestMethod requestMethod() const { return VKQRequestMethodPOST; }
+  // How the body is written.
   virtual VKQRequestSerializerType requestSerializerType() const { return VKQRequestSerializerTypeKXP; }
+  // How the answer is decoded.
   virtual VKQResponseSerializerType responseSerializerType() const { return VKQResponseSerializerTypeKXP; }
   // Each pair becomes a header field of the request.
   virtual std::optional<VKQHeaderDictionary> requestHeaderFieldValueDictionary() const { return std::nullopt; }
   // First element the user name, last the password, for a Basic authorization header.
   virtual std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const { return std::nullopt; }
+  // Whether a cellular interface may carry the request.
   virtual bool allowsCellularAccess() const { return true; }
   // KXP settings (VKQKXPFrame.h), answered with VKQKXPFrame::kDefaultSettings; 0
   // switches the begin marker, version and mask off.
@@ -134,8 +145,15 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   void downloadtWithSuccess(ResultBlock success, ProgressBlock progress, ResultBlock failure);
   // Drops the success, failure and completion callbacks; keeps the progress callback.
   void clearCompletionBlock();
+  // False (the default): VKQNetworkAgent::cancelRequest() drops the request and no
+  // callback runs. True: the request hears of its cancellation like of any failure of
+  // the exchange, with VKQResponseCodeHTTPError and the error kURLErrorCancelled. The
+  // future and awaitable forms (VKQVeskAsync.h) set it.
+  bool deliversCancellation() const { return deliversCancellation_; }
+  void setDeliversCancellation(bool delivers) { deliversCancellation_ = delivers; }
 
   // ---- Stored state ----
+  // The transport task of the latest start; null before the first.
   const std::shared_ptr<vkq::platform::URLSessionTask>& requestTask() const { return requestTask_; }
   void setRequestTask(std::shared_ptr<vkq::platform::URLSessionTask> task) { requestTask_ = std::move(task); }
   // The raw answer: bytes of a data exchange, the file URL of a download.
@@ -184,4 +202,5 @@ class VKQVeskRequest : public std::enable_shared_from_this<VKQVeskRequest> {
   ResultBlock successBlock_;
   ResultBlock failureBlock_;
   ResultBlock completionBlock_;
+  bool deliversCancellation_ = false;
 };

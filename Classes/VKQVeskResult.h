@@ -29,10 +29,14 @@ class VKQVeskResult {
   static std::shared_ptr<VKQVeskResult> initWith(std::shared_ptr<VKQResponseCode> responseCode,
                                                  vkq::platform::Object data, std::shared_ptr<VKQVeskRequest> request);
 
+  // The outcome: 0 success, or one of the failure codes (VKQResponseCode.h).
   const std::shared_ptr<VKQResponseCode>& responseCode() const { return responseCode_; }
   void setResponseCode(std::shared_ptr<VKQResponseCode> code) { responseCode_ = std::move(code); }
+  // The decoded payload: JSON of a JSON answer, the unframed bytes of a KXP answer, the
+  // file URL of a download; absent for a failure.
   const vkq::platform::Object& data() const { return data_; }
   void setData(vkq::platform::Object data) { data_ = std::move(data); }
+  // The request that produced the result; null for a failure result made without it.
   const std::shared_ptr<VKQVeskRequest>& request() const { return request_; }
   void setRequest(std::shared_ptr<VKQVeskRequest> request) { request_ = std::move(request); }
 
@@ -44,6 +48,7 @@ class VKQVeskResult {
 
   // "errorCode = (<code>), errorMsg = (<msg>)", also for a success.
   std::string description() const;
+  // The same as description().
   std::string debugDescription() const { return description(); }
 
  private:

@@ -10,6 +10,7 @@ packages=(
   libplist-dev nlohmann-json3-dev libcpp-httplib-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   curl ca-certificates
+  doxygen dpkg-dev
 )
 
 missing=()

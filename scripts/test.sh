@@ -2,10 +2,11 @@
 # Installs what is missing, builds with warnings as errors and runs every test, then
 # builds and runs the whole suite again under AddressSanitizer + UndefinedBehaviorSanitizer,
 # and once more under ThreadSanitizer, so that a race in the hand-offs between threads
-# cannot land.
+# cannot land. After the plain run, an application is built against an install of it
+# (scripts/consumer-test.sh) and the API reference is made (no undocumented public member).
 #
 #   scripts/test.sh          the three runs (what CI does)
-#   scripts/test.sh --quick  the plain run only
+#   scripts/test.sh --quick  the plain run and the consumer build only
 #   scripts/test.sh --tsan   the suite under ThreadSanitizer only
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -27,9 +28,16 @@ run_suite() {
   ctest --test-dir "$dir" -j"$jobs" --output-on-failure
 }
 
+# The API reference: fails when a public member has no documentation.
+docs() {
+  echo "== docs"
+  cmake --build "$1" --target docs
+}
+
 case "${1:-}" in
   --tsan)  run_suite tsan build-tsan ;;
-  --quick) run_suite ci build ;;
-  "")      run_suite ci build; run_suite asan build-asan; run_suite tsan build-tsan ;;
+  --quick) run_suite ci build; scripts/consumer-test.sh build ;;
+  "")      run_suite ci build; scripts/consumer-test.sh build; docs build
+           run_suite asan build-asan; run_suite tsan build-tsan ;;
   *)       echo "usage: scripts/test.sh [--quick|--tsan]" >&2; exit 64 ;;
 esac

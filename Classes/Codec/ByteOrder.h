@@ -8,6 +8,7 @@
 
 namespace ByteOrder {
 
+// The value with its bytes in reverse order.
 template <std::unsigned_integral T>
 constexpr T swapped(T value) {
   if constexpr (sizeof(T) == 1) {

@@ -47,8 +47,10 @@ concept NRDFileURL = requires(const URL& url) {
 
 class NRDByteArray {
  public:
+  // The buffer's type.
   using Bytes = vkq::platform::Bytes;
 
+  // Width of a machine word, the unit of length prefixes.
   static constexpr std::size_t kWordSize = sizeof(std::size_t);
 
   // --- Initializers. The cursor starts at 0 in every case.

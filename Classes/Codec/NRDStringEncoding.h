@@ -13,7 +13,9 @@
 
 #include "Platform/Base/Bytes.h"
 
+// The encodings the byte array reads and writes text in.
 enum class NRDStringEncoding {
+  // UTF-8, checked both ways.
   UTF8,
   // 7-bit: characters U+0000 to U+007F only.
   ASCII,

@@ -47,13 +47,13 @@
 struct VKQKXPFrameSettings {
   // True: no frame at all, the payload passes as it is.
   bool nonProtocol = false;
-  bool compress = false;
-  std::uint8_t xorKey = 0;
-  std::uint16_t insertAtBeginBody = 0;
-  std::uint8_t version = 0;
-  bool uploadOSType = false;
-  std::optional<std::string> packageName = std::nullopt;
-  std::int32_t releaseVersion = 0;
+  bool compress = false;                                  // deflate the payload
+  std::uint8_t xorKey = 0;                                // mask key; 0: no mask
+  std::uint16_t insertAtBeginBody = 0;                    // begin marker; 0: none
+  std::uint8_t version = 0;                               // protocol version; 0: none
+  bool uploadOSType = false;                              // send the OS-type byte
+  std::optional<std::string> packageName = std::nullopt;  // its CRC-32 is sent when present
+  std::int32_t releaseVersion = 0;                        // its CRC-32 is sent when > 0
   // The most bytes a compressed payload may unpack to (a limit, not a switch).
   std::size_t maximumPayloadLength = Deflate::kMaxDecompressedSize;
 };
@@ -62,6 +62,7 @@ struct VKQKXPFrameSettings {
 // description says what is wrong ("payload CRC 0x..., the frame says 0x...").
 inline constexpr const char* VKQKXPFrameErrorDomain = "com.vkqlabs.kxp.frame";
 
+// Codes of VKQKXPFrameErrorDomain.
 enum VKQKXPFrameErrorCode : std::int64_t {
   VKQKXPFrameErrorHeaderMismatch = 1,  // a header field differs from the settings
   VKQKXPFrameErrorTruncated = 2,       // the frame is shorter than its header
@@ -91,21 +92,23 @@ std::string hexField(std::uint32_t value, int digits);
 
 // --- Layout
 
+// The fields of a request frame's header, in frame order; absent fields are off.
 struct RequestHeader {
-  std::optional<std::uint16_t> beginMarker;
-  std::optional<std::uint8_t> version;
-  std::optional<std::uint8_t> osType;
-  std::uint32_t payloadLength = 0;
-  std::uint32_t payloadCRC = 0;
-  std::optional<std::uint32_t> packageCRC;
-  std::optional<std::uint32_t> releaseCRC;
+  std::optional<std::uint16_t> beginMarker;  // insertAtBeginBody
+  std::optional<std::uint8_t> version;       // the protocol version
+  std::optional<std::uint8_t> osType;        // kOSType
+  std::uint32_t payloadLength = 0;           // bytes of the payload as it travels
+  std::uint32_t payloadCRC = 0;              // CRC-32 of the payload as it travels
+  std::optional<std::uint32_t> packageCRC;   // CRC-32 of the package name
+  std::optional<std::uint32_t> releaseCRC;   // CRC-32 of the release version's text
 };
 
+// The fields of a response frame's header, in frame order; absent fields are off.
 struct ResponseHeader {
-  std::optional<std::int16_t> beginMarker;
-  std::optional<std::uint8_t> version;
-  std::uint32_t payloadLength = 0;
-  std::uint32_t payloadCRC = 0;
+  std::optional<std::int16_t> beginMarker;  // not checked by the client
+  std::optional<std::uint8_t> version;      // must equal the request's version
+  std::uint32_t payloadLength = 0;          // bytes of the payload as it travels
+  std::uint32_t payloadCRC = 0;             // CRC-32 of the payload as it travels
 };
 
 // A header read from the front of a frame. The fields are read in frame order and
@@ -114,11 +117,12 @@ struct ResponseHeader {
 // first). `size` is the number of header bytes read; the payload starts there.
 template <typename Header>
 struct Reading {
-  Header header;
-  bool complete = false;
-  std::size_t size = 0;
+  Header header;          // the fields read
+  bool complete = false;  // every field was there
+  std::size_t size = 0;   // header bytes read
 };
 
+// The length of a request frame's header under `settings`.
 std::size_t requestHeaderSize(const VKQKXPFrameSettings& settings);
 
 // The request frame's package and release CRC fields; absent when the field is off.

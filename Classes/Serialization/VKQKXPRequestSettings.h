@@ -6,4 +6,6 @@
 
 class VKQVeskRequest;
 
+// The request's version, mask key, compression, begin marker, OS-type byte, package
+// name, release version and non-protocol switch, read through its accessors.
 VKQKXPFrameSettings VKQKXPFrameSettingsOf(const VKQVeskRequest& request);

@@ -15,23 +15,30 @@
 
 namespace vkq::platform {
 
+// What a failed assertion reports.
 struct AssertionFailure {
-  std::string description;
-  std::string file;
-  int line = 0;
+  std::string description;  // what should have held, as text
+  std::string file;         // the source file: "Classes/VKQNetworkAgent"
+  int line = 0;             // the line in it
 };
 
+// What the default handler throws; what() is the description.
 class InternalInconsistencyException : public std::logic_error {
  public:
+  // The exception for `failure`.
   explicit InternalInconsistencyException(AssertionFailure failure);
+  // What should have held.
   const std::string& description() const { return failure_.description; }
+  // The source file that failed, as AssertionFailure::file.
   const std::string& file() const { return failure_.file; }
+  // The line that failed.
   int line() const { return failure_.line; }
 
  private:
   AssertionFailure failure_;
 };
 
+// Receives every failed assertion, on the thread that failed.
 using AssertionHandler = std::function<void(const AssertionFailure&)>;
 
 // Installs the process-wide handler; an empty handler restores the default. Thread-safe.

@@ -10,7 +10,9 @@ namespace vkq::platform {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// The bytes of a text, unchanged.
 inline Bytes bytesFromString(std::string_view text) { return Bytes(text.begin(), text.end()); }
+// The text of bytes, unchanged (no encoding is checked).
 inline std::string stringFromBytes(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 }  // namespace vkq::platform

@@ -49,23 +49,30 @@ enum URLErrorCode : std::int64_t {
 
 // What an error carries besides its domain and code. Every field may be absent.
 struct ErrorUserInfo {
+  // What went wrong, in words for a person.
   std::optional<std::string> localizedDescription;
+  // Why it went wrong, when known apart from the description.
   std::optional<std::string> localizedFailureReason;
   // The URL of the failed exchange, as text.
   std::optional<std::string> failingURL;
   // Validation failures of an answer: the response and the body that failed.
   std::shared_ptr<const HTTPResponse> response;
-  std::optional<Bytes> responseData;
+  std::optional<Bytes> responseData;  // the body that failed validation
   // Failed downloads: what the transport needs to continue later.
   std::optional<Bytes> resumeData;
 };
 
+// One failure: a domain (kURLErrorDomain, ...), a code within it and user information.
 class Error {
  public:
+  // The error; prefer makeError(), which shares it.
   Error(std::string domain, std::int64_t code, ErrorUserInfo userInfo = {});
 
+  // The domain, which gives the code its meaning.
   const std::string& domain() const { return domain_; }
+  // The code within the domain: a URLErrorCode in kURLErrorDomain, errno in kPOSIXErrorDomain.
   std::int64_t code() const { return code_; }
+  // What the error carries besides.
   const ErrorUserInfo& userInfo() const { return userInfo_; }
 
   // The localized description if set, otherwise a text made of domain and code.
@@ -79,6 +86,7 @@ class Error {
   ErrorUserInfo userInfo_;
 };
 
+// How errors are passed and stored: shared and immutable; null means no error.
 using ErrorPtr = std::shared_ptr<const Error>;
 
 // Makes an error; the usual way to fill an error slot.

@@ -26,6 +26,7 @@ namespace vkq::platform {
 // Thread-safe.
 class Waker {
  public:
+  // A waker that calls `wake` to wake its receiver.
   explicit Waker(std::function<void()> wake) : wake_(std::move(wake)) {}
 
   // Wakes the receiver now, or when the batch open on this thread closes (then on this
@@ -44,6 +45,7 @@ class Waker {
 // Holds back every Waker::wake() made on this thread while it lives; nestable.
 class HandoffBatch {
  public:
+  // Opens a batch on the calling thread.
   HandoffBatch();
   // The outermost batch wakes each receiver that was handed work, once, in order.
   ~HandoffBatch();

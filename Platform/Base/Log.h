@@ -19,7 +19,9 @@
 
 namespace vkq::platform {
 
+// One entry of the log: its rendered pieces, in order.
 using LogEntry = std::vector<std::string>;
+// Receives every entry, on the thread that wrote it.
 using LogSink = std::function<void(const LogEntry& pieces)>;
 
 // Installs the sink; an empty function turns the log off.

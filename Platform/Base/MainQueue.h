@@ -23,6 +23,7 @@ namespace vkq::platform {
 
 class MainQueue {
  public:
+  // A unit of work: a callback of the library, or the application's own.
   using Job = std::function<void()>;
 
   // Queues a job. Thread-safe. A job must not throw (an escaping exception is dropped).

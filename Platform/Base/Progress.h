@@ -7,10 +7,12 @@
 namespace vkq::platform {
 
 struct Progress {
+  // Bytes transferred so far.
   std::int64_t completedUnitCount = 0;
   // -1 while the total is unknown.
   std::int64_t totalUnitCount = -1;
 
+  // completedUnitCount / totalUnitCount, 0 while the total is unknown or 0.
   double fractionCompleted() const {
     return totalUnitCount > 0 ? static_cast<double>(completedUnitCount) / static_cast<double>(totalUnitCount) : 0.0;
   }

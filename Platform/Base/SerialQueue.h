@@ -17,14 +17,16 @@ namespace vkq::platform {
 
 class SerialQueue {
  public:
+  // A unit of work.
   using Job = std::function<void()>;
 
+  // Starts the queue's thread, named `name` (for debuggers).
   explicit SerialQueue(std::string name);
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  // Thread-safe.
+  // Posts a job, to run after those posted before it. Thread-safe.
   void async(Job job);
   // True when called from a job of this queue.
   bool isCurrent() const;

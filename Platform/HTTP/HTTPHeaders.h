@@ -12,9 +12,11 @@ namespace vkq::platform {
 
 class HTTPHeaders {
  public:
+  // A name and its value.
   using Field = std::pair<std::string, std::string>;
 
   HTTPHeaders() = default;
+  // The fields, set() one after the other.
   HTTPHeaders(std::initializer_list<Field> fields);
 
   // The fields of an answer's header lines ("Name: value", each ended by a line break);
@@ -25,10 +27,12 @@ class HTTPHeaders {
   // no line has it.
   static std::optional<std::string_view> firstValueInFieldLines(std::string_view lines, std::string_view name);
 
+  // The field's value, absent when the field is not set.
   std::optional<std::string> value(std::string_view name) const;
   // The field's value without a copy, or null when absent; valid until the fields
   // change.
   const std::string* find(std::string_view name) const;
+  // Whether the field is set.
   bool contains(std::string_view name) const { return find(name) != nullptr; }
   // Sets or replaces a field; an existing field keeps its place and spelling.
   void set(std::string_view name, std::string_view value);
@@ -37,11 +41,16 @@ class HTTPHeaders {
   void append(std::string_view name, std::string_view value);
   // Room for `count` fields without reallocating.
   void reserve(std::size_t count) { fields_.reserve(count); }
+  // Removes the field; no effect when it is not set.
   void remove(std::string_view name);
 
+  // Whether no field is set.
   bool empty() const { return fields_.empty(); }
+  // The number of fields.
   std::size_t size() const { return fields_.size(); }
+  // The first field; fields iterate in the order they were first set.
   std::vector<Field>::const_iterator begin() const { return fields_.begin(); }
+  // Past the last field.
   std::vector<Field>::const_iterator end() const { return fields_.end(); }
 
   // The fields as a property-list style dictionary, sorted by name:

@@ -21,8 +21,11 @@ namespace vkq::platform {
 class HTTPResponse {
  public:
   HTTPResponse() = default;
+  // A head made of parsed fields.
   HTTPResponse(std::optional<URL> url, int statusCode, HTTPHeaders allHeaderFields);
+  // Copies; the copy parses the received lines on its own.
   HTTPResponse(const HTTPResponse& other);
+  // Copies, like the copy constructor.
   HTTPResponse& operator=(const HTTPResponse& other);
 
   // A received head: `fieldLines` are its header lines after the status line, each
@@ -30,8 +33,9 @@ class HTTPResponse {
   static std::shared_ptr<HTTPResponse> withFieldLines(std::optional<URL> url, int statusCode, std::string fieldLines);
 
   std::optional<URL> url;  // the URL that answered, after redirects
-  int statusCode = 0;
+  int statusCode = 0;  // the final status, after redirects
 
+  // The header fields (parsed from the received lines on first use).
   const HTTPHeaders& allHeaderFields() const;
   void setAllHeaderFields(HTTPHeaders fields);
 
@@ -44,6 +48,7 @@ class HTTPResponse {
   // "identity"): the length announced is then not the length decoded.
   bool isContentEncoded() const;
 
+  // URL, status and fields, for logs.
   std::string description() const;
 
   // The status's reason phrase in lower case ("not found"); for a status without a

@@ -28,26 +28,33 @@ class URL {
   // URL ends with "/".
   static URL fileURLWithPath(std::string_view path, bool isDirectory = false);
 
-  // Parts; empty when the URL has none. path() and query() keep their percent-encoding;
-  // the scheme is as written; an IPv6 host comes without its brackets.
+  // The parts, empty when the URL has none. The scheme is as written.
   const std::string& scheme() const { return parts().scheme; }
+  // The host; an IPv6 host comes without its brackets.
   const std::string& host() const { return parts().host; }
+  // The port, absent when the URL names none.
   std::optional<int> port() const { return parts().port; }
+  // The path, still percent-encoded.
   const std::string& path() const { return parts().path; }
+  // The query, without its "?" and still percent-encoded.
   const std::string& query() const { return parts().query; }
   // The last segment of the path, percent-decoded ("" for "http://h" or "http://h/").
   std::string lastPathComponent() const;
   // For file URLs: the local file path, percent-decoded.
   std::string filePath() const;
+  // Whether the scheme is "file".
   bool isFileURL() const;
 
   // Appends a segment to the path, adding a "/" between; "" gives a trailing "/".
   // Characters a path cannot hold (" ", "?", "#", "%", ...) are percent-encoded.
   URL URLByAppendingPathComponent(std::string_view component) const;
 
+  // The URL as text: the string it was made from.
   const std::string& absoluteString() const { return text(); }
+  // The same text, for logs.
   std::string description() const { return text(); }
 
+  // Equal texts.
   friend bool operator==(const URL& a, const URL& b) {
     return a.storage_ == b.storage_ || a.text() == b.text();
   }

@@ -22,13 +22,14 @@ inline constexpr double kMaximumTimeoutInterval = 7 * 24 * 60 * 60.0;
 inline constexpr std::size_t kDefaultMaximumBodyLength = std::size_t{64} << 20;
 
 struct URLRequest {
-  std::string HTTPMethod = "GET";
-  std::optional<URL> url;
-  HTTPHeaders allHTTPHeaderFields;
-  std::optional<Bytes> HTTPBody;
+  std::string HTTPMethod = "GET";    // the method, upper-case
+  std::optional<URL> url;            // where to send it; absent requests fail
+  HTTPHeaders allHTTPHeaderFields;   // the header fields sent
+  std::optional<Bytes> HTTPBody;     // the body; absent: none
   // Idle time-out in seconds: the exchange fails when no data arrives for this long.
   // Taken into the range above; zero, less, or NaN: no time-out.
   double timeoutInterval = 60.0;
+  // Whether a cellular interface may carry it (not enforced on this platform).
   bool allowsCellularAccess = true;
   // When a failed exchange is sent again; by default never.
   RetryPolicy retryPolicy;
@@ -39,9 +40,11 @@ struct URLRequest {
   // bomb can exhaust memory. Downloads have no limit.
   std::size_t maximumBodyLength = kDefaultMaximumBodyLength;
 
+  // The header field `name`, absent when not set.
   std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
     return allHTTPHeaderFields.value(name);
   }
+  // Sets or replaces the header field `name`.
   void setValueForHTTPHeaderField(std::string_view value, std::string_view name) {
     allHTTPHeaderFields.set(name, value);
   }

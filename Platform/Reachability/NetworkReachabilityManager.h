@@ -24,18 +24,19 @@
 
 namespace vkq::platform {
 
+// What the interfaces say about the network.
 enum class NetworkReachabilityStatus : int {
-  Unknown = -1,
-  NotReachable = 0,
-  ReachableViaWWAN = 1,
-  ReachableViaWiFi = 2,
+  Unknown = -1,           // not monitoring yet
+  NotReachable = 0,       // no interface is up
+  ReachableViaWWAN = 1,   // only cellular modem interfaces are up
+  ReachableViaWiFi = 2,   // a wired, wireless or loopback interface is up
 };
 
 // One network interface as the kernel reports it.
 struct NetworkInterface {
-  std::string name;
-  bool up = false;  // administratively up and running
-  bool loopback = false;
+  std::string name;       // "eth0", "wlan0", "lo", ...
+  bool up = false;        // administratively up and running
+  bool loopback = false;  // the loopback interface
 };
 
 // The status a set of interfaces gives (the rule described above).
@@ -43,8 +44,10 @@ NetworkReachabilityStatus reachabilityStatusForInterfaces(const std::vector<Netw
 
 class NetworkReachabilityManager {
  public:
+  // Told the new status on the main queue.
   using StatusChangeBlock = std::function<void(NetworkReachabilityStatus status)>;
 
+  // A manager that does not monitor yet: Unknown.
   NetworkReachabilityManager();
   // Stops monitoring (joins the background thread). Reports still queued for the change
   // block are dropped.
@@ -62,6 +65,7 @@ class NetworkReachabilityManager {
   // The override when one is set; otherwise Unknown unless monitoring, else the current
   // status.
   NetworkReachabilityStatus networkReachabilityStatus() const;
+  // Whether the status is one of the reachable ones.
   bool isReachable() const;
 
   // `block` (copied; empty: no reports) is called on the main queue with the new status

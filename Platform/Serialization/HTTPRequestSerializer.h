@@ -39,12 +39,15 @@ class MultipartFormData {
   // A plain form field.
   virtual void appendPartWithFormData(const Bytes& data, std::string_view name) = 0;
 };
+// Appends the parts of a multipart/form-data body.
 using MultipartBodyBlock = std::function<void(MultipartFormData& formData)>;
 
 class HTTPRequestSerializer {
  public:
+  // A serializer with the defaults.
   static std::shared_ptr<HTTPRequestSerializer> serializer();
 
+  // The defaults; prefer serializer(), which shares it.
   HTTPRequestSerializer();
   virtual ~HTTPRequestSerializer();
 
@@ -58,31 +61,38 @@ class HTTPRequestSerializer {
   // colon, or a name or value holding CR, LF or NUL, is refused: nothing is stored,
   // the result is false and `error` (kURLRequestSerializationErrorDomain) names the field.
   bool setValue(std::optional<std::string_view> value, std::string_view field, ErrorPtr* error = nullptr);
+  // The default field `field`, absent when not set.
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
   // "Authorization" = "Basic " + base64("username:password").
   void setAuthorizationHeaderFieldWithUsername(std::string_view username, std::string_view password);
+  // Removes the default "Authorization" field.
   void clearAuthorizationHeader();
 
+  // The idle time-out of the requests built, in seconds.
   double timeoutInterval() const { return timeoutInterval_; }
   void setTimeoutInterval(double seconds) { timeoutInterval_ = seconds; }
+  // URLRequest::allowsCellularAccess of the requests built.
   bool allowsCellularAccess() const { return allowsCellularAccess_; }
   void setAllowsCellularAccess(bool allowed) { allowsCellularAccess_ = allowed; }
-  // Retries and overall deadline of the requests made (URLRequest); not archived.
+  // URLRequest::retryPolicy of the requests built; not archived.
   const RetryPolicy& retryPolicy() const { return retryPolicy_; }
   void setRetryPolicy(RetryPolicy policy) { retryPolicy_ = std::move(policy); }
+  // URLRequest::deadlineInterval of the requests built; not archived.
   std::optional<double> deadlineInterval() const { return deadlineInterval_; }
   void setDeadlineInterval(std::optional<double> seconds) { deadlineInterval_ = seconds; }
+  // URLRequest::maximumBodyLength of the requests built.
   std::size_t maximumBodyLength() const { return maximumBodyLength_; }
   void setMaximumBodyLength(std::size_t bytes) { maximumBodyLength_ = bytes; }
+  // The methods whose parameters go into the URI's query rather than the body.
   const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const { return methodsInURI_; }
   void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) { methodsInURI_ = std::move(methods); }
   // Whether `method`, in any letter case, carries its parameters in the URI.
   bool encodesParametersInURI(std::string_view method) const;
 
   // Builds the URL request (method, URL, time-out, cellular access, body limit, retries,
-  // deadline) and hands it with
-  // the parameters to requestBySerializingRequest(). Absent, with an error, when the
-  // URL string is not a valid URL, a header field is unsafe, or serializing failed.
+  // deadline) and hands it with the parameters to requestBySerializingRequest(). Absent,
+  // with an error, when the URL string is not a valid URL, a header field is unsafe, or
+  // serializing failed.
   std::optional<URLRequest> requestWithMethod(std::string_view method, std::string_view URLString,
                                               const Object& parameters, ErrorPtr* error) const;
   // A multipart/form-data request with a random boundary: the parameters (a JSON
@@ -108,6 +118,7 @@ class HTTPRequestSerializer {
   // Copying and keyed archiving keep the settings above (an archive without a body
   // limit restores the default).
   virtual std::shared_ptr<HTTPRequestSerializer> copy() const;
+  // Writes the settings into `coder`.
   virtual void encodeWithCoder(KeyedArchiver& coder) const;
   // Restores the settings; false when the archive does not hold a serializer.
   virtual bool initWithCoder(const KeyedUnarchiver& coder);
@@ -136,6 +147,7 @@ class HTTPRequestSerializer {
 // floats in their shortest round-trip form), pairs joined by "&". Keys and values are
 // percent-encoded with RFC 3986's query characters minus ":#[]@!$&'()*+,;=".
 std::string queryStringFromParameters(const JSON& parameters);
+// `text` percent-encoded as a key or value of such a query.
 std::string percentEscapedQueryString(std::string_view text);
 
 }  // namespace vkq::platform

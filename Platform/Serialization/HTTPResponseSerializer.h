@@ -14,10 +14,13 @@
 
 namespace vkq::platform {
 
+// Accepts statuses 200-299 and every content type, and hands the body over as it came.
 class HTTPResponseSerializer {
  public:
+  // A serializer with the defaults.
   static std::shared_ptr<HTTPResponseSerializer> serializer();
 
+  // The defaults; prefer serializer(), which shares it.
   HTTPResponseSerializer();
   virtual ~HTTPResponseSerializer();
 
@@ -50,9 +53,12 @@ class HTTPResponseSerializer {
 // parsed and absent is returned.
 class JSONResponseSerializer : public HTTPResponseSerializer {
  public:
+  // A JSON serializer with the defaults.
   static std::shared_ptr<JSONResponseSerializer> serializer();
 
+  // The defaults; prefer serializer(), which shares it.
   JSONResponseSerializer();
+  // Validates, then parses the body as JSON.
   Object responseObjectForResponse(const HTTPResponse* response, const Object& data, ErrorPtr* error) const override;
 };
 

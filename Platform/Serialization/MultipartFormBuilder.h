@@ -27,6 +27,7 @@ class MultipartFormBuilder final : public MultipartFormData {
   bool appendPartWithFileURL(const URL& fileURL, std::string_view name, ErrorPtr* error) override;
   void appendPartWithFormData(const Bytes& data, std::string_view name) override;
 
+  // The boundary between the parts.
   const std::string& boundary() const { return boundary_; }
   // "multipart/form-data; boundary=<boundary>"
   std::string contentType() const;

@@ -17,29 +17,42 @@
 
 namespace vkq::platform {
 
+// JSON values: nlohmann::json.
 using JSON = nlohmann::json;
 
 class Object {
  public:
   Object() = default;
+  // Absent, as the default.
   Object(std::nullptr_t) {}
+  // A JSON value (a JSON null too: that is not absent).
   Object(JSON json) : value_(std::move(json)) {}
+  // A byte string, moved into shared storage.
   Object(Bytes bytes) : value_(std::make_shared<Bytes>(std::move(bytes))) {}
+  // A byte string, shared; a null pointer gives absent.
   Object(std::shared_ptr<Bytes> bytes) {
     if (bytes) value_ = std::move(bytes);
   }
+  // A file URL.
   Object(URL fileURL) : value_(std::move(fileURL)) {}
 
+  // Absent.
   bool isNull() const { return std::holds_alternative<std::monostate>(value_); }
+  // A JSON value.
   bool isJSON() const { return std::holds_alternative<JSON>(value_); }
+  // A byte string.
   bool isData() const { return std::holds_alternative<std::shared_ptr<Bytes>>(value_); }
+  // A file URL.
   bool isURL() const { return std::holds_alternative<URL>(value_); }
+  // Not absent.
   explicit operator bool() const { return !isNull(); }
 
+  // The JSON value.
   const JSON& json() const { return std::get<JSON>(value_); }
   JSON& json() { return std::get<JSON>(value_); }
   // The shared bytes; never null.
   const std::shared_ptr<Bytes>& data() const { return std::get<std::shared_ptr<Bytes>>(value_); }
+  // The file URL.
   const URL& url() const { return std::get<URL>(value_); }
 
   // Compact JSON, "<hex bytes>", the URL's string, or "(null)".

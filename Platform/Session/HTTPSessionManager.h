@@ -68,6 +68,7 @@ class HTTPSessionManager {
   std::shared_ptr<HTTPResponseSerializer> responseSerializer() const;
   void setResponseSerializer(std::shared_ptr<HTTPResponseSerializer> serializer);
 
+  // The manager's reachability monitor (not started until someone starts it).
   std::shared_ptr<NetworkReachabilityManager> reachabilityManager() const { return reachability_; }
 
   // Where partial downloads lie until they complete: the private folder
@@ -88,6 +89,7 @@ class HTTPSessionManager {
   // object is then still the body). Progress callbacks may be empty.
   using DataTaskCompletion =
       std::function<void(std::shared_ptr<const HTTPResponse> response, Object responseObject, ErrorPtr error)>;
+  // A suspended data task for `request`, as described above.
   std::shared_ptr<URLSessionDataTask> dataTaskWithRequest(const URLRequest& request, ProgressBlock uploadProgress,
                                                           ProgressBlock downloadProgress,
                                                           DataTaskCompletion completionHandler);
@@ -103,8 +105,11 @@ class HTTPSessionManager {
   // validator (ETag or Last-Modified) and that wrote bytes carries resume data in
   // error->userInfo().resumeData.
   using DownloadDestination = std::function<URL(const URL& temporaryFile, std::shared_ptr<const HTTPResponse> response)>;
+  // Receives the final head, the moved file's URL (absent without destination or after
+  // a failure) and the error.
   using DownloadTaskCompletion =
       std::function<void(std::shared_ptr<const HTTPResponse> response, std::optional<URL> filePath, ErrorPtr error)>;
+  // A suspended download task for `request`, as described above.
   std::shared_ptr<URLSessionDownloadTask> downloadTaskWithRequest(const URLRequest& request, ProgressBlock progress,
                                                                   DownloadDestination destination,
                                                                   DownloadTaskCompletion completionHandler);

@@ -32,6 +32,8 @@ class DownloadTaskBody;
 class SessionTransfer;
 struct TaskRecord;
 
+// Where a task is in its life: made Suspended, then Running, then Completed (through
+// Canceling when cancelled).
 enum class URLSessionTaskState { Running = 0, Suspended = 1, Canceling = 2, Completed = 3 };
 
 class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
@@ -54,6 +56,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   // No effect on a task that is being cancelled or has completed.
   void cancel();
 
+  // The task's state now.
   URLSessionTaskState state() const;
   // The request the task was made with; absent when made from resume data that holds
   // no request, or when the manager was given none.
@@ -77,6 +80,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   // Made by the session manager; `transfer` carries out the exchange.
   explicit URLSessionTask(std::shared_ptr<SessionTransfer> transfer);
 
+  // The transfer behind the task.
   const std::shared_ptr<SessionTransfer>& transfer() const { return transfer_; }
 
  private:
@@ -87,6 +91,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
 // A task whose answer body is collected in memory and handed to the completion handler.
 class URLSessionDataTask : public URLSessionTask {
  public:
+  // Made by the session manager only.
   explicit URLSessionDataTask(std::shared_ptr<SessionTransfer> transfer);
 };
 
@@ -94,6 +99,7 @@ class URLSessionDataTask : public URLSessionTask {
 // manager's destination callback says.
 class URLSessionDownloadTask : public URLSessionTask {
  public:
+  // Made by the session manager only.
   explicit URLSessionDownloadTask(std::shared_ptr<SessionTransfer> transfer);
 
   // Cancels the task; `handler` then runs on the manager's completion queue, before the

@@ -230,6 +230,8 @@ TEST_F(VkqDownload, TheExampleProgramsRunAgainstTheServer) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("kxp answer: hello, kxp\n"));
   EXPECT_THAT(result.out, HasSubstr(R"(json answer: {"city":"Oslo","days":3})"));
+  EXPECT_THAT(result.out, HasSubstr("future: {\"city\":\"Lima\"}\ncoroutine: {\"days\":5}\n"));
+  EXPECT_THAT(result.out, HasSubstr("0 retries, first byte after"));
   const fs::path downloaded = folder_ / "tmp" / "vkq-tour-big.bin";
   EXPECT_THAT(result.out, HasSubstr("downloaded to " + downloaded.string()));
   EXPECT_TRUE(readFile(downloaded) == content_);

@@ -6,11 +6,13 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <string>
 
 #include "Classes/VKQVesk.h"
+#include "Classes/VKQVeskAsync.h"
 #include "Classes/VKQVeskResult.h"
 #include "Platform/Base/MainQueue.h"
 
@@ -22,6 +24,11 @@ namespace {
 // the one request it waits for has answered.
 void waitFor(const bool& done) {
   MainQueue::runUntil([&] { return done; }, std::chrono::seconds(60));
+}
+
+void waitFor(const std::future<std::shared_ptr<VKQVeskResult>>& answer) {
+  MainQueue::runUntil([&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
+                      std::chrono::seconds(60));
 }
 
 void kxpRequest(const std::string& base) {
@@ -89,6 +96,44 @@ void download(const std::string& base) {
   std::fprintf(stderr, "\n");
 }
 
+void futureRequest(const std::string& base) {
+  // --8<-- future
+  std::future<std::shared_ptr<VKQVeskResult>> answer = VKQRequestFuture(
+      VKQVesk::initWithJSONUrl(base + "/json/echo", vkq::platform::JSON{{"city", "Lima"}}, VKQRequestMethodGET));
+  // With the main queue on its own thread (the default) answer.get() simply waits;
+  // this program drains the queue itself, so it runs the queue until the value is there.
+  waitFor(answer);
+  std::cout << "future: " << answer.get()->data().json().dump() << "\n";
+  // --8<--
+}
+
+// --8<-- coroutine
+// Any coroutine type will do; VKQDetachedCoroutine runs until its end, owned by no one.
+VKQDetachedCoroutine coroutineRequest(std::string base, bool& done) {
+  auto request = VKQVesk::initWithJSONUrl(base + "/json/echo", vkq::platform::JSON{{"days", 5}});
+  // Suspends here and resumes on the main queue with the result. A cancelRequest()
+  // resumes it too: code -2, and the request's error says "cancelled".
+  std::shared_ptr<VKQVeskResult> result = co_await VKQRequestAwaitable(request);
+  std::cout << "coroutine: " << result->data().json().dump() << "\n";
+  done = true;
+}
+// --8<--
+
+void retriedRequest(const std::string& base) {
+  bool done = false;
+  // --8<-- retries
+  auto request = VKQVesk::initWithJSONUrl(base + "/json/echo", nullptr, VKQRequestMethodGET);
+  request->maximumRetryCountPromise()(3)->requestDeadlineIntervalPromise()(30.0);
+  request->requestCompletion([&](std::shared_ptr<VKQVeskResult> result) {
+    const auto& m = result->metrics();  // -1: a step the exchange did not reach
+    std::printf("%d retries, first byte after %.3f s, %s\n", m.retries, m.firstByte,
+                m.reusedConnection ? "reused connection" : "new connection");
+    done = true;
+  });
+  // --8<--
+  waitFor(done);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -100,6 +145,11 @@ int main(int argc, char** argv) {
   const std::string base = argv[1];
   kxpRequest(base);
   jsonRequest(base);
+  futureRequest(base);
+  bool coroutineDone = false;
+  coroutineRequest(base, coroutineDone);
+  waitFor(coroutineDone);
   download(base);
+  retriedRequest(base);
   return 0;
 }

@@ -14,6 +14,7 @@ class VKQHTTPRequestSerializer : public vkq::platform::HTTPRequestSerializer {
   // A plain VKQHTTPRequestSerializer bound to `request`.
   static std::shared_ptr<VKQHTTPRequestSerializer> serializerWithRequest(std::shared_ptr<VKQVeskRequest> request);
 
+  // The request whose settings and body it serializes; null when bound to none.
   const std::shared_ptr<VKQVeskRequest>& request() const { return request_; }
   void setRequest(std::shared_ptr<VKQVeskRequest> request) { request_ = std::move(request); }
 

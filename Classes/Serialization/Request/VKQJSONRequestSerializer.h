@@ -16,10 +16,12 @@ class VKQJSONRequestSerializer : public VKQHTTPRequestSerializer {
   static std::shared_ptr<VKQJSONRequestSerializer> serializer();
   // `writingOptions`: bits of VKQJSONWritingOptions.
   static std::shared_ptr<VKQJSONRequestSerializer> serializerWithWritingOptions(std::uint64_t writingOptions);
+  // A compact-JSON serializer bound to `request`.
   static std::shared_ptr<VKQJSONRequestSerializer> serializerWithRequest(std::shared_ptr<VKQVeskRequest> request);
   // Restores an archived serializer (see encodeWithCoder); null when `archive` holds none.
   static std::shared_ptr<VKQJSONRequestSerializer> unarchive(const vkq::platform::Bytes& archive);
 
+  // Bits of VKQJSONWritingOptions that shape the body.
   std::uint64_t writingOptions() const { return writingOptions_; }
   void setWritingOptions(std::uint64_t options) { writingOptions_ = options; }
 

@@ -17,6 +17,7 @@ inline constexpr const char* VKQKXPRequestSerializerErrorDomain = "com.error.ser
 
 class VKQKXPRequestSerializer : public VKQHTTPRequestSerializer {
  public:
+  // A serializer that frames under the settings of `request`.
   static std::shared_ptr<VKQKXPRequestSerializer> serializerWithRequest(std::shared_ptr<VKQVeskRequest> request);
 
   // The frame for `parameters` (bytes) under the bound request's settings; with

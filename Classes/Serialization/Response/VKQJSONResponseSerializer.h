@@ -10,6 +10,7 @@
 
 class VKQJSONResponseSerializer : public vkq::platform::JSONResponseSerializer, public VKQResponseDeserializer {
  public:
+  // A serializer with the JSON defaults.
   static std::shared_ptr<VKQJSONResponseSerializer> serializer();
 
   std::shared_ptr<VKQVeskResult> deserialize(const std::shared_ptr<VKQVeskRequest>& request,

@@ -20,6 +20,7 @@ class VKQResponseCode;
 
 class VKQKXPResponseSerializer : public VKQHTTPResponseSerializer, public VKQResponseDeserializer {
  public:
+  // A new serializer.
   static std::shared_ptr<VKQKXPResponseSerializer> serializer();
 
   std::shared_ptr<VKQVeskResult> deserialize(const std::shared_ptr<VKQVeskRequest>& request,
