@@ -122,10 +122,15 @@ void VKQNetworkAgent::requestDidFailWithRequest(const std::shared_ptr<VKQVeskReq
                                                 std::int64_t code) {
   request->setError(std::move(error));
   auto result = VKQVeskResult::resultWithErrorCode(code, request);
-  MainQueue::async([request, result = std::move(result)] {
-    callResultBlock(request->completionResultBlock(), result);
-    callResultBlock(request->failureResultBlock(), result);
+  // The callbacks leave the request now, as a delivered request's do: one that holds
+  // its request would otherwise keep both alive for good. Each start of the request
+  // gets the callbacks it was started with.
+  MainQueue::async([completion = request->completionResultBlock(), failure = request->failureResultBlock(),
+                    result = std::move(result)] {
+    callResultBlock(completion, result);
+    callResultBlock(failure, result);
   });
+  request->clearCompletionBlock();
 }
 
 void VKQNetworkAgent::handleRequestResult(const std::shared_ptr<URLSessionTask>& task, Object responseObject,

@@ -99,9 +99,9 @@ class VKQNetworkAgent {
   void removeRequestFromRecord(const std::shared_ptr<VKQVeskRequest>& request);
   // The number of running requests.
   std::size_t recordCount() const { return record_.count(); }
-  // A failure before the task ran: stores `error` (may be null) in the request and
-  // queues a main-queue job that calls completion, then failure, with a result of
-  // `code`. The request is not in the registry and its callbacks stay attached.
+  // A failure before the task ran: stores `error` (may be null) in the request, takes
+  // its callbacks out of it and queues a main-queue job that calls completion, then
+  // failure, with a result of `code`. The request is not in the registry.
   void requestDidFailWithRequest(const std::shared_ptr<VKQVeskRequest>& request, vkq::platform::ErrorPtr error,
                                  std::int64_t code);
   // The completion of every task, on the transport's completion queue. Finds the
