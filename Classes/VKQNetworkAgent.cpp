@@ -11,6 +11,7 @@
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Log.h"
 #include "Platform/Base/MainQueue.h"
+#include "Platform/Reachability/NetworkReachabilityManager.h"
 #include "Platform/Session/HTTPSessionManager.h"
 #include "Platform/Session/URLSessionTask.h"
 
@@ -36,6 +37,13 @@ void callResultBlock(const VKQVeskRequest::ResultBlock& block, const std::shared
   } catch (...) {
     DDDebug("request callback threw");
   }
+}
+
+// True when the task goes to a loopback host, which answers without a network.
+bool sentToThisMachine(const URLSessionTask& task) {
+  auto sent = task.originalRequest();
+  if (!sent || !sent->url) sent = task.currentRequest();
+  return sent && sent->url && vkq::platform::isLoopbackHost(sent->url->host());
 }
 
 }  // namespace
@@ -82,7 +90,8 @@ void VKQNetworkAgent::addRequest(const std::shared_ptr<VKQVeskRequest>& request)
   VKQAssert(request->requestTask() != nullptr, "requestTask should not be nil");
 
   if (manager_->reachabilityManager()->networkReachabilityStatus() ==
-      vkq::platform::NetworkReachabilityStatus::NotReachable) {
+          vkq::platform::NetworkReachabilityStatus::NotReachable &&
+      !sentToThisMachine(*request->requestTask())) {
     DDDebug("network is not reachable");
     requestDidFailWithRequest(request, nullptr, VKQResponseCodeNetworkError);
     return;

@@ -70,7 +70,7 @@ class VKQNetworkAgent {
   // Starts the request: makes its task, then either registers and resumes it, or
   // delivers VKQResponseCodeHTTPError (the task could not be made; the request's error
   // says why) or VKQResponseCodeNetworkError (the network is not reachable; an unknown
-  // status counts as reachable).
+  // status counts as reachable, and a request to a loopback host is sent regardless).
   // REQUIRES: request is not null (fatal assertion otherwise). A request whose method
   // or serializer type selects no task stops on the assertion
   // "requestTask should not be nil".
