@@ -103,6 +103,7 @@ TEST(CommandLine, MistakesNameTheProblemAndShowTheUsageButHelpWinsOverThem) {
       {{"json", "u", "--method", "TRACE"}, "--method must be"},
       {{"json", "u", "--arg", "{oops"}, "--arg is not valid JSON"},
       {{"json", "u", "--user", "me"}, "--user and --password go together"},
+      {{"json", "u", "--user", "me:x", "--password", "pw"}, "--user must not contain ':'"},
       {{"download", "u"}, "expected URL and PATH"},
       {{"serve", "--port", "65536"}, "--port must be a number from 0 to 65535"},
   };
