@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <limits>
+#include <string_view>
 
 namespace vkq::platform {
 namespace {
@@ -13,11 +14,42 @@ struct PlistDeleter {
 };
 using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
+// The number of bytes that follow a UTF-8 lead byte; 4 for a byte that cannot lead.
+std::size_t followingBytes(unsigned char lead) {
+  if (lead < 0x80) return 0;
+  if (lead < 0xC0) return 4;
+  if (lead < 0xE0) return 1;
+  if (lead < 0xF0) return 2;
+  return lead < 0xF8 ? 3 : 4;
+}
+
+// True for UTF-8 text without NUL: the only strings the archiver writes, and so the
+// only ones read back (a property list from elsewhere may hold any bytes).
+bool isArchivableText(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    if (lead == 0) return false;
+    const std::size_t extra = followingBytes(lead);
+    if (extra == 4 || text.size() - i <= extra) return false;
+    std::uint32_t code = lead & (0x7Fu >> extra);
+    for (std::size_t k = 1; k <= extra; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      code = code << 6 | (next & 0x3Fu);
+    }
+    constexpr std::uint32_t kShortest[] = {0, 0x80, 0x800, 0x10000};
+    if (code < kShortest[extra] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+    i += extra + 1;
+  }
+  return true;
+}
+
 std::optional<std::string> stringValue(plist_t node) {
   if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
   std::uint64_t length = 0;
   const char* text = plist_get_string_ptr(node, &length);
-  return text != nullptr ? std::optional<std::string>(std::string(text, length)) : std::nullopt;
+  if (text == nullptr || !isArchivableText({text, length})) return std::nullopt;
+  return std::string(text, length);
 }
 
 }  // namespace
@@ -157,7 +189,7 @@ std::optional<std::vector<std::pair<std::string, std::string>>> KeyedUnarchiver:
     const std::unique_ptr<char, decltype(&std::free)> nameOwner(name, &std::free);
     if (node == nullptr) break;
     auto value = stringValue(node);
-    if (!value) return std::nullopt;
+    if (!value || (name != nullptr && !isArchivableText(name))) return std::nullopt;
     pairs.emplace_back(name != nullptr ? name : "", std::move(*value));
   }
   return pairs;

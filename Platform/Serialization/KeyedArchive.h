@@ -46,7 +46,8 @@ class KeyedUnarchiver {
   KeyedUnarchiver& operator=(KeyedUnarchiver&&) noexcept;
 
   bool containsValueForKey(std::string_view key) const;
-  // Each is absent when the key is missing or holds another kind of value.
+  // Each is absent when the key is missing or holds another kind of value; text (values
+  // and dictionary keys) must be UTF-8 without NUL, as the archiver writes it.
   std::optional<std::int64_t> decodeInteger(std::string_view key) const;
   std::optional<bool> decodeBool(std::string_view key) const;
   std::optional<double> decodeDouble(std::string_view key) const;
