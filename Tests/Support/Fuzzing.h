@@ -8,7 +8,6 @@
 #include <random>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace vkq::testing {
@@ -22,37 +21,28 @@ inline void require(bool promise, const char* what) {
   std::abort();
 }
 
-// The seeds themselves (regressions among them), then `count` inputs made from them by
-// a fixed-seed random walk (a failure replays): bytes replaced, inserted (from
-// `alphabet`, else any byte), dropped, or a seed's piece spliced in, a few edits each.
-inline std::vector<std::string> mutatedInputs(std::uint32_t seed, int count, const std::vector<std::string>& seeds,
-                                              std::string_view alphabet = {}) {
+// Feeds `body` the seeds themselves (regressions among them), then `count` inputs made
+// from them by a fixed-seed random walk (a failure replays): a few edits each, a byte
+// replaced or inserted (from `alphabet`, else any byte), bytes dropped, or a piece of a
+// seed spliced in.
+template <typename Body>
+void runSeeded(Body body, std::uint32_t seed, int count, const std::vector<std::string>& seeds,
+               const std::string& alphabet = {}) {
   std::mt19937 random(seed);
-  const auto below = [&random](std::size_t n) { return n == 0 ? 0 : std::size_t(random() % n); };
+  const auto below = [&random](std::size_t n) { return n == 0 ? 0 : random() % n; };
   const auto anyByte = [&] { return alphabet.empty() ? char(random()) : alphabet[below(alphabet.size())]; };
-  std::vector<std::string> inputs = seeds;
-  for (int i = 0; i < count; ++i) {
-    std::string input = seeds[below(seeds.size())];
-    for (std::size_t edits = 1 + below(4); edits > 0; --edits) {
-      const std::size_t at = below(input.size() + 1);
-      switch (below(4)) {
-        case 0: if (at < input.size()) input[at] = anyByte(); break;
-        case 1: input.insert(input.begin() + static_cast<std::ptrdiff_t>(at), anyByte()); break;
-        case 2: input.erase(at, below(8)); break;
-        default: {
-          const std::string& other = seeds[below(seeds.size())];
-          const std::size_t from = below(other.size());
-          input.insert(at, other.substr(from, below(other.size() - from + 1)));
-        }
-      }
+  for (int i = -static_cast<int>(seeds.size()); i < count; ++i) {
+    std::string input = seeds[i < 0 ? seeds.size() + i : below(seeds.size())];
+    for (std::size_t edits = i < 0 ? 0 : 1 + below(4); edits > 0; --edits) {
+      const std::size_t at = below(input.size() + 1), kind = below(4);
+      const std::string& other = seeds[below(seeds.size())];
+      if (kind == 0 && at < input.size()) input[at] = anyByte();
+      if (kind == 1) input.insert(at, 1, anyByte());
+      if (kind == 2) input.erase(at, below(8));
+      if (kind == 3) input.insert(at, other.substr(below(other.size() + 1), below(16)));
     }
-    inputs.push_back(std::move(input));
+    body(FuzzInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size()));
   }
-  return inputs;
-}
-
-inline FuzzInput bytesOf(std::string_view text) {
-  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 }  // namespace vkq::testing

@@ -36,26 +36,27 @@ TEST(Reachability, StatusFollowsTheInterfacesThatAreUpAndTheDefaultRoute) {
   }
 }
 
-// Tables as the kernel writes them (a container with IPv4 and IPv6 default routes).
+// Rows laid out as the kernel writes them (a container with IPv4 and IPv6 default routes).
 TEST(Reachability, ReadsDefaultRoutesFromTheKernelsRoutingTables) {
-  const std::string heading = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
-  const std::string ipv4Default = "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n";
-  const std::string ipv4Subnet = "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
-  const std::string zeros(32, '0');
-  const std::string ipv6Default = zeros + " 00 " + zeros + " 00 fd000000000000000000000000000001 00000400 00000003 "
-                                                           "00000000 00000003     eth0\n";
-  // The kernel's own catch-all on loopback: a reject route.
-  const std::string ipv6Reject = zeros + " 00 " + zeros + " 00 " + zeros + " ffffffff 00000001 00000000 00200200 lo\n";
-  const std::string ipv6Subnet = "fd000000000000000000000000000000 40 " + zeros + " 00 " + zeros +
-                                 " 00000100 00000001 00000000 00000001     eth0\n";
+  const std::string heading = "Iface\tDestination\tGateway\tFlags\tRefCnt\tUse\tMetric\tMask\tMTU\tWindow\tIRTT\n";
+  const auto v4 = [&](const char* device, const char* destination, const char* flags, const char* mask) {
+    return heading + device + "\t" + destination + "\t010200C0\t" + flags + "\t0\t0\t0\t" + mask + "\t0\t0\t0\n";
+  };
+  const std::string any(32, '0');
+  const auto v6 = [&](const std::string& destination, const char* prefix, const char* flags, const char* device) {
+    return destination + " " + prefix + " " + any + " 00 " + any + " 00000400 00000003 00000000 " + flags + "   " +
+           device + "\n";
+  };
+  const std::string subnet6 = v6("fd00" + std::string(28, '0'), "40", "00000001", "eth0");
+  const std::string reject6 = v6(any, "00", "00200200", "lo");  // the kernel's own catch-all
   const std::tuple<std::string, std::string, bool> cases[] = {
-      {heading + ipv4Subnet + ipv4Default, ipv6Subnet + ipv6Reject, true},
-      {heading + ipv4Subnet, ipv6Subnet + ipv6Default + ipv6Reject, true},
-      {heading + ipv4Subnet, ipv6Subnet + ipv6Reject, false},
+      {v4("eth0", "000200C0", "0001", "00FFFFFF") + v4("eth0", "00000000", "0003", "00000000"), reject6, true},
+      {v4("eth0", "000200C0", "0001", "00FFFFFF"), subnet6 + v6(any, "00", "00000003", "eth0") + reject6, true},
+      {v4("eth0", "000200C0", "0001", "00FFFFFF"), subnet6 + reject6, false},
       {"", "", false},  // unreadable tables
-      {heading + "eth0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\n", "", false},  // not up
-      {heading + "lo\t00000000\t00000000\t0001\t0\t0\t0\t00000000\n", "", false},  // to loopback
-      {heading + "eth0\t00000000\t0\tzz\t0\t0\t0\t00000000\neth0\t00000000\n", "x\n\n" + zeros + " 00", false},
+      {v4("eth0", "00000000", "0002", "00000000"), v6(any, "00", "00000002", "eth0"), false},  // not up
+      {v4("lo", "00000000", "0001", "00000000"), v6(any, "00", "00000001", "lo"), false},  // to loopback
+      {v4("eth0", "00000000", "zz", "00000000") + "eth0\t00000000\n", "x\n\n" + any + " 00", false},  // broken
   };
   for (const auto& [ipv4, ipv6, expected] : cases) EXPECT_EQ(hasDefaultRoute(ipv4, ipv6), expected) << ipv4 << ipv6;
 }

@@ -8,8 +8,6 @@
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <utility>
-#include <vector>
 
 #include "Classes/VKQVeskResult.h"
 #include "Tools/vkq/Client/Exchange.h"
@@ -25,20 +23,6 @@ using vkq::platform::Bytes;
 // Answers nested deeper than this are printed on one line: indenting each value by its
 // depth would multiply the size of a deep answer by its depth.
 constexpr std::size_t kMaximumIndentedDepth = 32;
-
-// True when arrays and objects in `value` nest deeper than `limit`; walked with a stack
-// of its own, so the answer's depth does not become this program's.
-bool nestsDeeperThan(const nlohmann::json& value, std::size_t limit) {
-  std::vector<std::pair<const nlohmann::json*, std::size_t>> pending{{&value, 0}};
-  while (!pending.empty()) {
-    const auto [node, depth] = pending.back();
-    pending.pop_back();
-    if (!node->is_structured()) continue;
-    if (depth == limit) return true;
-    for (const auto& child : *node) pending.emplace_back(&child, depth + 1);
-  }
-  return false;
-}
 
 std::optional<Bytes> readFile(const std::string& path) {
   if (path == "-") return Bytes(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
@@ -159,7 +143,7 @@ int Client::run(const JSONCommand& command) const {
   const int status = conclude(result, *vesk);
   if (status == kExitSuccess && result->data().isJSON()) {
     const nlohmann::json& answer = result->data().json();
-    const int indent = nestsDeeperThan(answer, kMaximumIndentedDepth) ? -1 : 2;
+    const int indent = vkq::platform::nestingDepth(answer) > kMaximumIndentedDepth ? -1 : 2;
     std::cout << answer.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
   }
   return status;
