@@ -1,7 +1,7 @@
 // Soak: 200,000 small exchanges through the agent, 32 in flight, against a test server in
 // a child process. A fixed-seed mix: JSON GETs and KXP echoes that succeed, answers of
-// status 500, connections refused by a closed port, and slow requests cancelled while
-// they run. Prints the resident memory and the open file descriptors after a warm-up and
+// status 500, connections refused by a closed port, requests refused before they are
+// sent, and slow requests cancelled while they run. Prints the resident memory and the open file descriptors after a warm-up and
 // at the end, each read once the client is idle and its connection cache has been
 // trimmed to one live connection; fails (exit 1) when memory grew by more than 10 %,
 // the descriptors differ, or an exchange had an unexpected outcome.
@@ -167,15 +167,21 @@ class Soak {
     } else if (kind < 85) {
       exchange->request = VKQVesk::initWithJSONUrl(base_ + "/500", nullptr, VKQRequestMethodGET);
       expected = -2;
-    } else if (kind < 90) {
+    } else if (kind < 88) {
       exchange->request = VKQVesk::initWithJSONUrl(refused_, nullptr, VKQRequestMethodGET);
       expected = -2;
+    } else if (kind < 90) {
+      exchange->request = VKQVesk::initWithJSONUrl(base_ + "/not a URL", nullptr, VKQRequestMethodGET);
+      expected = -2;  // refused before it is sent
     } else {
       exchange->request = VKQVesk::initWithJSONUrl(base_ + "/slow", nullptr, VKQRequestMethodGET);
       cancels_.push_back(exchange);
     }
     std::weak_ptr<Exchange> weak = exchange;
-    exchange->request->requestCompletion([this, weak, expected](std::shared_ptr<VKQVeskResult> result) {
+    // Like many applications' callbacks, those of requests that are not cancelled hold
+    // their request (a cancelled request keeps its callbacks).
+    auto self = kind < 90 ? exchange->request : nullptr;
+    exchange->request->requestCompletion([this, weak, expected, self](std::shared_ptr<VKQVeskResult> result) {
       const auto ended = weak.lock();
       if (!ended || ended->ended) return;
       if (result->responseCode()->code() != expected) ++unexpected_;
