@@ -3,7 +3,9 @@
 #include <plist/plist.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <span>
 #include <string_view>
 
 namespace vkq::platform {
@@ -42,6 +44,45 @@ bool isArchivableText(std::string_view text) {
     i += extra + 1;
   }
   return true;
+}
+
+// The big-endian unsigned number in `bytes` (at most 8 of them).
+std::uint64_t bigEndian(std::span<const std::uint8_t> bytes) {
+  std::uint64_t value = 0;
+  for (const std::uint8_t byte : bytes) value = value << 8 | byte;
+  return value;
+}
+
+// True when a binary property list holds text (ASCII or UTF-16) with a NUL character.
+// libplist keeps such text whole but aborts on an assertion when it hands out a
+// dictionary key that holds one, so such data is refused before libplist reads it.
+// Whatever does not parse here is left to libplist, which refuses it.
+bool holdsTextWithNul(std::span<const std::uint8_t> data) {
+  if (data.size() < 40 || std::memcmp(data.data(), "bplist00", 8) != 0) return false;
+  const auto trailer = data.last(32);
+  const std::size_t offsetSize = trailer[6];
+  const std::uint64_t count = bigEndian(trailer.subspan(8, 8)), table = bigEndian(trailer.subspan(24, 8));
+  if (offsetSize == 0 || offsetSize > 8 || table >= data.size() || count > (data.size() - table) / offsetSize) {
+    return false;
+  }
+  for (std::uint64_t i = 0; i < count; ++i) {
+    std::size_t at = bigEndian(data.subspan(table + i * offsetSize, offsetSize));
+    const std::uint8_t marker = at < data.size() ? data[at++] : 0;
+    const std::size_t unit = (marker >> 4) == 5 ? 1 : (marker >> 4) == 6 ? 2 : 0;
+    if (unit == 0) continue;
+    std::uint64_t length = marker & 0xF;
+    if (length == 0xF) {  // the length follows as an integer object of 2^n bytes
+      const std::size_t width = at < data.size() && (data[at] >> 4) == 1 ? std::size_t{1} << (data[at] & 0xF) : 9;
+      if (width > 8 || data.size() - at <= width) continue;
+      length = bigEndian(data.subspan(at + 1, width));
+      at += 1 + width;
+    }
+    if (length > (data.size() - at) / unit) continue;
+    for (std::size_t c = at; c < at + length * unit; c += unit) {
+      if (data[c] == 0 && data[c + unit - 1] == 0) return true;
+    }
+  }
+  return false;
 }
 
 std::optional<std::string> stringValue(plist_t node) {
@@ -120,6 +161,7 @@ KeyedUnarchiver& KeyedUnarchiver::operator=(KeyedUnarchiver&&) noexcept = defaul
 
 std::optional<KeyedUnarchiver> KeyedUnarchiver::unarchiverWithData(const Bytes& data) {
   if (data.empty() || data.size() > std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
+  if (holdsTextWithNul(data)) return std::nullopt;
   plist_t parsed = nullptr;
   plist_from_memory(reinterpret_cast<const char*>(data.data()), static_cast<std::uint32_t>(data.size()), &parsed);
   PlistPtr root(parsed);

@@ -39,7 +39,8 @@ class KeyedArchiver {
 
 class KeyedUnarchiver {
  public:
-  // Absent unless `data` is a property list whose top level is a dictionary.
+  // Absent unless `data` is a property list whose top level is a dictionary (and, in a
+  // binary one, no text holds a NUL).
   static std::optional<KeyedUnarchiver> unarchiverWithData(const Bytes& data);
   ~KeyedUnarchiver();
   KeyedUnarchiver(KeyedUnarchiver&&) noexcept;

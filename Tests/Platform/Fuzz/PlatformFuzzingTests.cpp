@@ -25,9 +25,11 @@ TEST(PlatformFuzzing, SeededResumeDataIsRefusedOrSurvivesEncodingAgain) {
     return std::string(bytes.begin(), bytes.end());
   };
   std::string notUTF8 = encoded({"http://h/f", {{"Accept", "*/*"}}, 30, 4096, "/tmp/partial", "\"etag\""});
+  std::string keyWithNul = notUTF8;
   notUTF8[notUTF8.find("http")] = '\xEA';  // found: text the archiver cannot write back
+  keyWithNul.replace(keyWithNul.find("\x56""Accept"), 7, "\x63\0A\0\0\0c"s);  // found: libplist aborts on it
   runSeeded(decodeResumeData, 1303, 20000,
-            {notUTF8, encoded({"https://example.com/a%20b", {{"X", "y"}}, 1e300, 1, "p", "Tue, 01 Jan 2030"}),
+            {notUTF8, keyWithNul, encoded({"https://example.com/a%20b", {{"X", "y"}}, 1e300, 1, "p", "Tue, 01 Jan 2030"}),
              "<?xml version=\"1.0\"?><plist><dict><key>VKQResumeDataVersion</key><integer>1</integer></dict></plist>"});
 }
 
