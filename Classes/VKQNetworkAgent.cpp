@@ -11,6 +11,7 @@
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Log.h"
 #include "Platform/Base/MainQueue.h"
+#include "Platform/Reachability/NetworkReachabilityManager.h"
 #include "Platform/Session/HTTPSessionManager.h"
 #include "Platform/Session/URLSessionTask.h"
 
@@ -36,6 +37,13 @@ void callResultBlock(const VKQVeskRequest::ResultBlock& block, const std::shared
   } catch (...) {
     DDDebug("request callback threw");
   }
+}
+
+// True when the task goes to a loopback host, which answers without a network.
+bool sentToThisMachine(const URLSessionTask& task) {
+  auto sent = task.originalRequest();
+  if (!sent || !sent->url) sent = task.currentRequest();
+  return sent && sent->url && vkq::platform::isLoopbackHost(sent->url->host());
 }
 
 }  // namespace
@@ -82,7 +90,8 @@ void VKQNetworkAgent::addRequest(const std::shared_ptr<VKQVeskRequest>& request)
   VKQAssert(request->requestTask() != nullptr, "requestTask should not be nil");
 
   if (manager_->reachabilityManager()->networkReachabilityStatus() ==
-      vkq::platform::NetworkReachabilityStatus::NotReachable) {
+          vkq::platform::NetworkReachabilityStatus::NotReachable &&
+      !sentToThisMachine(*request->requestTask())) {
     DDDebug("network is not reachable");
     requestDidFailWithRequest(request, nullptr, VKQResponseCodeNetworkError);
     return;
@@ -123,10 +132,15 @@ void VKQNetworkAgent::requestDidFailWithRequest(const std::shared_ptr<VKQVeskReq
                                                 std::int64_t code) {
   request->setError(std::move(error));
   auto result = VKQVeskResult::resultWithErrorCode(code, request);
-  MainQueue::async([request, result = std::move(result)] {
-    callResultBlock(request->completionResultBlock(), result);
-    callResultBlock(request->failureResultBlock(), result);
+  // The callbacks leave the request now, as a delivered request's do: one that holds
+  // its request would otherwise keep both alive for good. Each start of the request
+  // gets the callbacks it was started with.
+  MainQueue::async([completion = request->completionResultBlock(), failure = request->failureResultBlock(),
+                    result = std::move(result)] {
+    callResultBlock(completion, result);
+    callResultBlock(failure, result);
   });
+  request->clearCompletionBlock();
 }
 
 void VKQNetworkAgent::handleRequestResult(const std::shared_ptr<URLSessionTask>& task, Object responseObject,

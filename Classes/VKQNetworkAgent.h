@@ -70,7 +70,7 @@ class VKQNetworkAgent {
   // Starts the request: makes its task, then either registers and resumes it, or
   // delivers VKQResponseCodeHTTPError (the task could not be made; the request's error
   // says why) or VKQResponseCodeNetworkError (the network is not reachable; an unknown
-  // status counts as reachable).
+  // status counts as reachable, and a request to a loopback host is sent regardless).
   // REQUIRES: request is not null (fatal assertion otherwise). A request whose method
   // or serializer type selects no task stops on the assertion
   // "requestTask should not be nil".
@@ -100,9 +100,9 @@ class VKQNetworkAgent {
   void removeRequestFromRecord(const std::shared_ptr<VKQVeskRequest>& request);
   // The number of running requests.
   std::size_t recordCount() const { return record_.count(); }
-  // A failure before the task ran: stores `error` (may be null) in the request and
-  // queues a main-queue job that calls completion, then failure, with a result of
-  // `code`. The request is not in the registry and its callbacks stay attached.
+  // A failure before the task ran: stores `error` (may be null) in the request, takes
+  // its callbacks out of it and queues a main-queue job that calls completion, then
+  // failure, with a result of `code`. The request is not in the registry.
   void requestDidFailWithRequest(const std::shared_ptr<VKQVeskRequest>& request, vkq::platform::ErrorPtr error,
                                  std::int64_t code);
   // The completion of every task, on the transport's completion queue. Finds the

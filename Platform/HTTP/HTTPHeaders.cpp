@@ -13,6 +13,17 @@ bool sameName(std::string_view a, std::string_view b) {
 
 bool isHeaderSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
+// A received field is kept only when its name is a token (RFC 9110) and its value holds
+// no CR or NUL: a broken line must not become a field an application may pass on.
+bool isCleanField(std::string_view name, std::string_view value) {
+  const auto tokenChar = [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+  };
+  return !name.empty() && std::all_of(name.begin(), name.end(), tokenChar) &&
+         value.find_first_of(std::string_view("\r\0", 2)) == std::string_view::npos;
+}
+
 // Takes the next line off `lines` (without its line break).
 std::string_view nextLine(std::string_view& lines) {
   const auto end = lines.find('\n');
@@ -55,9 +66,10 @@ HTTPHeaders HTTPHeaders::fromFieldLines(std::string_view lines) {
   while (!lines.empty()) {
     const std::string_view line = trimHeaderSpace(nextLine(lines));
     const auto colon = line.find(':');
-    if (colon != std::string_view::npos && colon > 0) {
-      headers.append(trimHeaderSpace(line.substr(0, colon)), trimHeaderSpace(line.substr(colon + 1)));
-    }
+    if (colon == std::string_view::npos) continue;
+    const std::string_view name = trimHeaderSpace(line.substr(0, colon));
+    const std::string_view value = trimHeaderSpace(line.substr(colon + 1));
+    if (isCleanField(name, value)) headers.append(name, value);
   }
   return headers;
 }
@@ -73,8 +85,10 @@ std::optional<std::string_view> HTTPHeaders::firstValueInFieldLines(std::string_
       continue;
     }
     line.remove_prefix(name.size());
-    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
-    if (!line.empty() && line.front() == ':') return trimHeaderSpace(line.substr(1));
+    while (!line.empty() && isHeaderSpace(line.front())) line.remove_prefix(1);
+    if (line.empty() || line.front() != ':') continue;
+    const std::string_view value = trimHeaderSpace(line.substr(1));
+    if (isCleanField(name, value)) return value;
   }
   return std::nullopt;
 }

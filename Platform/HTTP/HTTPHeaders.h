@@ -20,8 +20,8 @@ class HTTPHeaders {
   HTTPHeaders(std::initializer_list<Field> fields);
 
   // The fields of an answer's header lines ("Name: value", each ended by a line break);
-  // a field sent more than once reads as one (see append()), lines without a name are
-  // skipped.
+  // a field sent more than once reads as one (see append()). Lines without a name, with
+  // a name that is not a token, or with a CR or NUL in the value are skipped.
   static HTTPHeaders fromFieldLines(std::string_view lines);
   // The value of the first line of field `name` in such lines, trimmed; absent when
   // no line has it.

@@ -67,7 +67,9 @@ std::optional<std::string> HTTPResponse::MIMEType() const {
 std::int64_t HTTPResponse::expectedContentLength() const {
   const std::optional<std::string_view> header = firstValue("Content-Length");
   if (!header) return -1;
-  const std::string_view text = trimHeaderSpace(*header);
+  // A length sent twice reads as the list "5, 5" once the fields are merged: its first
+  // element, as the first line gives before they are.
+  const std::string_view text = trimHeaderSpace(header->substr(0, header->find(',')));
   std::int64_t length = -1;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
   if (error != std::errc() || end != text.data() + text.size() || text.empty() || length < 0) return -1;

@@ -1,18 +1,26 @@
 #include "Platform/Reachability/NetworkReachabilityManager.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <string_view>
 #include <thread>
 #include <utility>
 
+#include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/route.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -61,7 +69,52 @@ std::vector<NetworkInterface> currentInterfaces() {
   return interfaces;
 }
 
-Status kernelStatus() { return reachabilityStatusForInterfaces(currentInterfaces()); }
+// The whole file, or nothing when it cannot be read (procfs files report no size).
+std::string readText(const char* path) {
+  std::ifstream file(path);
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+Status kernelStatus() {
+  return reachabilityStatusForInterfaces(currentInterfaces(),
+                                         hasDefaultRoute(readText("/proc/net/route"), readText("/proc/net/ipv6_route")));
+}
+
+// The blank-separated fields of one line.
+std::vector<std::string_view> fieldsOf(std::string_view line) {
+  std::vector<std::string_view> fields;
+  for (std::size_t start = 0;;) {
+    start = line.find_first_not_of(" \t", start);
+    if (start == std::string_view::npos) return fields;
+    const std::size_t end = std::min(line.find_first_of(" \t", start), line.size());
+    fields.push_back(line.substr(start, end - start));
+    start = end;
+  }
+}
+
+// Route flags written in hexadecimal; absent when the field is not.
+std::optional<unsigned> hexFlags(std::string_view field) {
+  unsigned value = 0;
+  const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), value, 16);
+  if (error != std::errc() || end != field.data() + field.size()) return std::nullopt;
+  return value;
+}
+
+bool usableDefaultRoute(std::string_view device, std::string_view flagsField) {
+  const auto flags = hexFlags(flagsField);
+  return flags && (*flags & RTF_UP) != 0 && (*flags & RTF_REJECT) == 0 && device != "lo";
+}
+
+// Calls `line` for each line of `text` until it returns true.
+template <typename Predicate>
+bool anyLine(std::string_view text, Predicate line) {
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    if (line(fieldsOf(text.substr(0, end)))) return true;
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return false;
+}
 
 // A file descriptor closed when its owner goes.
 class Descriptor {
@@ -420,19 +473,43 @@ NetworkReachabilityManager::Listener::Drained NetworkReachabilityManager::Listen
 
 // ---- Manager ----
 
-NetworkReachabilityStatus reachabilityStatusForInterfaces(const std::vector<NetworkInterface>& interfaces) {
-  bool anyUp = false;
+bool hasDefaultRoute(std::string_view ipv4Routes, std::string_view ipv6Routes) {
+  // Iface Destination Gateway Flags RefCnt Use Metric Mask ...: destination and mask 0.
+  const bool ipv4 = anyLine(ipv4Routes, [](const std::vector<std::string_view>& field) {
+    return field.size() >= 8 && field[1] == "00000000" && field[7] == "00000000" &&
+           usableDefaultRoute(field[0], field[3]);
+  });
+  // Destination, prefix length, source, source prefix length, next hop, metric, reference
+  // count, use, flags, device: ::/0.
+  return ipv4 || anyLine(ipv6Routes, [](const std::vector<std::string_view>& field) {
+           return field.size() >= 10 && field[0] == std::string_view("00000000000000000000000000000000") &&
+                  field[1] == "00" && usableDefaultRoute(field[9], field[8]);
+         });
+}
+
+bool isLoopbackHost(std::string_view host) {
+  if (host.ends_with('.')) host.remove_suffix(1);  // a fully qualified name
+  std::string name(host);
+  std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
+  if (name == "localhost" || name.ends_with(".localhost")) return true;
+  in_addr ipv4{};
+  if (::inet_pton(AF_INET, name.c_str(), &ipv4) == 1) return (ntohl(ipv4.s_addr) >> 24) == 127;
+  in6_addr ipv6{};
+  if (::inet_pton(AF_INET6, name.c_str(), &ipv6) != 1) return false;
+  return IN6_IS_ADDR_LOOPBACK(&ipv6) || (IN6_IS_ADDR_V4MAPPED(&ipv6) && ipv6.s6_addr[12] == 127);
+}
+
+NetworkReachabilityStatus reachabilityStatusForInterfaces(const std::vector<NetworkInterface>& interfaces,
+                                                          bool defaultRoute) {
   bool cellularUp = false;
   for (const NetworkInterface& interface : interfaces) {
-    if (!interface.up) continue;
-    anyUp = true;
-    if (interface.loopback) continue;
+    if (!interface.up || interface.loopback) continue;
     if (!isCellular(interface.name)) return Status::ReachableViaWiFi;
     cellularUp = true;
   }
   if (cellularUp) return Status::ReachableViaWWAN;
-  // Only loopback: local traffic still flows, so the network is not reported down.
-  return anyUp ? Status::ReachableViaWiFi : Status::NotReachable;
+  // Nothing but loopback: other hosts are out of reach unless a route leads to them.
+  return defaultRoute ? Status::ReachableViaWiFi : Status::NotReachable;
 }
 
 NetworkReachabilityManager::NetworkReachabilityManager() : state_(std::make_shared<State>()) {}

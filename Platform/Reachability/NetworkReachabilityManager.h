@@ -6,10 +6,11 @@
 // interfaces on each change. Where such notices cannot be received (some sandboxes) the
 // status is re-read on demand instead, at most once per second, and the debug log says so.
 //
-// The rule (reachabilityStatusForInterfaces) is conservative: NotReachable only when no
-// interface at all is up, so traffic to this machine (loopback) is never refused. Wired
-// and wireless interfaces both count as WiFi; cellular modem interfaces ("wwan*",
-// "rmnet*", "ccmni*") as WWAN.
+// The rule (reachabilityStatusForInterfaces): NotReachable when no interface but
+// loopback is up and there is no default route (read from /proc/net/route and
+// /proc/net/ipv6_route). Wired and wireless interfaces both count as WiFi; cellular modem
+// interfaces ("wwan*", "rmnet*", "ccmni*") as WWAN. Traffic to this machine flows without
+// a network: callers send requests to a loopback host (isLoopbackHost) whatever the status.
 //
 // Thread-safe: every member may be called from any thread, except that a manager must not
 // be destroyed while another thread still calls it.
@@ -20,6 +21,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vkq::platform {
@@ -39,8 +41,19 @@ struct NetworkInterface {
   bool loopback = false;  // the loopback interface
 };
 
-// The status a set of interfaces gives (the rule described above).
-NetworkReachabilityStatus reachabilityStatusForInterfaces(const std::vector<NetworkInterface>& interfaces);
+// The status a set of interfaces and the presence of a default route give (the rule
+// described above).
+NetworkReachabilityStatus reachabilityStatusForInterfaces(const std::vector<NetworkInterface>& interfaces,
+                                                          bool defaultRoute);
+
+// True when the routing tables, in the text form of /proc/net/route (IPv4, with its
+// heading line) and /proc/net/ipv6_route, hold a default route that is up, is not a
+// reject route and does not lead to loopback. Lines that do not parse are skipped.
+bool hasDefaultRoute(std::string_view ipv4Routes, std::string_view ipv6Routes);
+
+// True for a host this machine answers itself: "localhost" and names under it, an IPv4
+// address in 127.0.0.0/8, and ::1 (also written as an IPv4-mapped address).
+bool isLoopbackHost(std::string_view host);
 
 class NetworkReachabilityManager {
  public:

@@ -3,6 +3,32 @@
 namespace vkq::platform {
 namespace {
 
+// True when JSON text nests arrays and objects deeper than `limit`. A lexical scan, so
+// that the depth is known before any parser goes that deep; exact for valid JSON, where
+// brackets outside strings are exactly its structure.
+bool nestsDeeperThan(const Bytes& text, std::size_t limit) {
+  std::size_t depth = 0;
+  bool inString = false, escaped = false;
+  for (const std::uint8_t c : text) {
+    if (inString) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) return true;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return false;
+}
+
 const Bytes& bodyBytes(const Object& data) {
   static const Bytes kEmpty;
   return data.isData() ? *data.data() : kEmpty;
@@ -46,9 +72,11 @@ bool HTTPResponseSerializer::validateResponse(const HTTPResponse* response, cons
     return false;
   }
   if (!acceptableContentTypes_) return true;
+  // An empty body has nothing to decode, so its type (often a framework's default
+  // text/html on a 204) does not matter.
+  if (bodyBytes(data).empty()) return true;
   const std::optional<std::string> type = response->MIMEType();
-  const bool typeMatters = type.has_value() || !bodyBytes(data).empty();
-  if (typeMatters && !(type && acceptableContentTypes_->contains(*type))) {
+  if (!(type && acceptableContentTypes_->contains(*type))) {
     setError(error, answerError(kURLErrorCannotDecodeContentData,
                                 "Request failed: unacceptable content-type: " + type.value_or("(null)"), *response,
                                 data));
@@ -77,10 +105,15 @@ Object JSONResponseSerializer::responseObjectForResponse(const HTTPResponse* res
   const Bytes& body = bodyBytes(data);
   // Some servers answer "nothing" with a single space.
   if (body.empty() || (body.size() == 1 && body[0] == ' ')) return Object();
-  JSON parsed = JSON::parse(body.begin(), body.end(), nullptr, false);
+  // Deeper documents are refused before parsing: whatever walks the tree later
+  // (printing, copying, comparing) recurses once per level.
+  const bool tooDeep = nestsDeeperThan(body, kMaximumJSONDepth);
+  JSON parsed = tooDeep ? JSON(JSON::value_t::discarded) : JSON::parse(body.begin(), body.end(), nullptr, false);
   if (parsed.is_discarded()) {
     ErrorUserInfo info;
-    info.localizedDescription = "The data couldn't be read because it isn't in the correct format.";
+    info.localizedDescription = tooDeep ? "The JSON answer nests arrays and objects deeper than " +
+                                              std::to_string(kMaximumJSONDepth) + " levels."
+                                        : "The data couldn't be read because it isn't in the correct format.";
     if (response != nullptr) {
       if (response->url) info.failingURL = response->url->absoluteString();
       info.response = std::make_shared<const HTTPResponse>(*response);

@@ -3,6 +3,7 @@
 // Stateless after configuration; safe to call from several threads at once.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <set>
@@ -33,8 +34,8 @@ class HTTPResponseSerializer {
     acceptableContentTypes_ = std::move(types);
   }
 
-  // Checks the status, then the content type when the body is non-empty or the
-  // response names a MIME type. A failure is an error of kURLErrorDomain:
+  // Checks the status, then the content type when the body is non-empty (an empty
+  // answer of any type passes). A failure is an error of kURLErrorDomain:
   // kURLErrorBadServerResponse for the status, kURLErrorCannotDecodeContentData for
   // the type, carrying the response and the body. An absent response passes.
   bool validateResponse(const HTTPResponse* response, const Object& data, ErrorPtr* error) const;
@@ -48,11 +49,16 @@ class HTTPResponseSerializer {
 };
 
 // Answers in JSON: acceptable types application/json, text/json, text/javascript.
-// An empty body or a single space gives absent without an error; malformed JSON is an
-// error (kURLErrorCannotDecodeContentData); after a validation failure the body is not
-// parsed and absent is returned.
+// An empty body or a single space gives absent without an error; malformed JSON, and
+// JSON nested deeper than kMaximumJSONDepth arrays and objects, is an error
+// (kURLErrorCannotDecodeContentData, whose description says which); after a validation
+// failure the body is not parsed and absent is returned. A parsed value is at most
+// kMaximumJSONDepth deep, so code that walks it recursively stays within its stack.
 class JSONResponseSerializer : public HTTPResponseSerializer {
  public:
+  // Nesting of arrays and objects deeper than this is refused before parsing.
+  static constexpr std::size_t kMaximumJSONDepth = 512;
+
   // A JSON serializer with the defaults.
   static std::shared_ptr<JSONResponseSerializer> serializer();
 

@@ -3,7 +3,10 @@
 #include <plist/plist.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <span>
+#include <string_view>
 
 namespace vkq::platform {
 namespace {
@@ -13,11 +16,81 @@ struct PlistDeleter {
 };
 using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
+// The number of bytes that follow a UTF-8 lead byte; 4 for a byte that cannot lead.
+std::size_t followingBytes(unsigned char lead) {
+  if (lead < 0x80) return 0;
+  if (lead < 0xC0) return 4;
+  if (lead < 0xE0) return 1;
+  if (lead < 0xF0) return 2;
+  return lead < 0xF8 ? 3 : 4;
+}
+
+// True for UTF-8 text without NUL: the only strings the archiver writes, and so the
+// only ones read back (a property list from elsewhere may hold any bytes).
+bool isArchivableText(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    if (lead == 0) return false;
+    const std::size_t extra = followingBytes(lead);
+    if (extra == 4 || text.size() - i <= extra) return false;
+    std::uint32_t code = lead & (0x7Fu >> extra);
+    for (std::size_t k = 1; k <= extra; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      code = code << 6 | (next & 0x3Fu);
+    }
+    constexpr std::uint32_t kShortest[] = {0, 0x80, 0x800, 0x10000};
+    if (code < kShortest[extra] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+    i += extra + 1;
+  }
+  return true;
+}
+
+// The big-endian unsigned number in `bytes` (at most 8 of them).
+std::uint64_t bigEndian(std::span<const std::uint8_t> bytes) {
+  std::uint64_t value = 0;
+  for (const std::uint8_t byte : bytes) value = value << 8 | byte;
+  return value;
+}
+
+// True when a binary property list holds text (ASCII or UTF-16) with a NUL character.
+// libplist keeps such text whole but aborts on an assertion when it hands out a
+// dictionary key that holds one, so such data is refused before libplist reads it.
+// Whatever does not parse here is left to libplist, which refuses it.
+bool holdsTextWithNul(std::span<const std::uint8_t> data) {
+  if (data.size() < 40 || std::memcmp(data.data(), "bplist00", 8) != 0) return false;
+  const auto trailer = data.last(32);
+  const std::size_t offsetSize = trailer[6];
+  const std::uint64_t count = bigEndian(trailer.subspan(8, 8)), table = bigEndian(trailer.subspan(24, 8));
+  if (offsetSize == 0 || offsetSize > 8 || table >= data.size() || count > (data.size() - table) / offsetSize) {
+    return false;
+  }
+  for (std::uint64_t i = 0; i < count; ++i) {
+    std::size_t at = bigEndian(data.subspan(table + i * offsetSize, offsetSize));
+    const std::uint8_t marker = at < data.size() ? data[at++] : 0;
+    const std::size_t unit = (marker >> 4) == 5 ? 1 : (marker >> 4) == 6 ? 2 : 0;
+    if (unit == 0) continue;
+    std::uint64_t length = marker & 0xF;
+    if (length == 0xF) {  // the length follows as an integer object of 2^n bytes
+      const std::size_t width = at < data.size() && (data[at] >> 4) == 1 ? std::size_t{1} << (data[at] & 0xF) : 9;
+      if (width > 8 || data.size() - at <= width) continue;
+      length = bigEndian(data.subspan(at + 1, width));
+      at += 1 + width;
+    }
+    if (length > (data.size() - at) / unit) continue;
+    for (std::size_t c = at; c < at + length * unit; c += unit) {
+      if (data[c] == 0 && data[c + unit - 1] == 0) return true;
+    }
+  }
+  return false;
+}
+
 std::optional<std::string> stringValue(plist_t node) {
   if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
   std::uint64_t length = 0;
   const char* text = plist_get_string_ptr(node, &length);
-  return text != nullptr ? std::optional<std::string>(std::string(text, length)) : std::nullopt;
+  if (text == nullptr || !isArchivableText({text, length})) return std::nullopt;
+  return std::string(text, length);
 }
 
 }  // namespace
@@ -88,6 +161,7 @@ KeyedUnarchiver& KeyedUnarchiver::operator=(KeyedUnarchiver&&) noexcept = defaul
 
 std::optional<KeyedUnarchiver> KeyedUnarchiver::unarchiverWithData(const Bytes& data) {
   if (data.empty() || data.size() > std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
+  if (holdsTextWithNul(data)) return std::nullopt;
   plist_t parsed = nullptr;
   plist_from_memory(reinterpret_cast<const char*>(data.data()), static_cast<std::uint32_t>(data.size()), &parsed);
   PlistPtr root(parsed);
@@ -157,7 +231,7 @@ std::optional<std::vector<std::pair<std::string, std::string>>> KeyedUnarchiver:
     const std::unique_ptr<char, decltype(&std::free)> nameOwner(name, &std::free);
     if (node == nullptr) break;
     auto value = stringValue(node);
-    if (!value) return std::nullopt;
+    if (!value || (name != nullptr && !isArchivableText(name))) return std::nullopt;
     pairs.emplace_back(name != nullptr ? name : "", std::move(*value));
   }
   return pairs;

@@ -44,7 +44,8 @@ class KeyedArchiver {
 // Reads the values a KeyedArchiver wrote, by key.
 class KeyedUnarchiver {
  public:
-  // Absent unless `data` is a property list whose top level is a dictionary.
+  // Absent unless `data` is a property list whose top level is a dictionary (and, in a
+  // binary one, no text holds a NUL).
   static std::optional<KeyedUnarchiver> unarchiverWithData(const Bytes& data);
   ~KeyedUnarchiver();
   // Movable, not copyable.
@@ -55,7 +56,8 @@ class KeyedUnarchiver {
   // Whether the dictionary has `key`.
   bool containsValueForKey(std::string_view key) const;
 
-  // --- The value under `key`; absent when the key is missing or holds another kind.
+  // --- The value under `key`; absent when the key is missing or holds another kind;
+  // text (values and dictionary keys) must be UTF-8 without NUL, as the archiver writes it.
   std::optional<std::int64_t> decodeInteger(std::string_view key) const;
   std::optional<bool> decodeBool(std::string_view key) const;
   std::optional<double> decodeDouble(std::string_view key) const;

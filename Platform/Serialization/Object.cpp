@@ -1,6 +1,23 @@
 #include "Platform/Serialization/Object.h"
 
+#include <algorithm>
+#include <utility>
+#include <vector>
+
 namespace vkq::platform {
+
+std::size_t nestingDepth(const JSON& value) {
+  std::size_t deepest = 0;
+  std::vector<std::pair<const JSON*, std::size_t>> pending{{&value, 0}};
+  while (!pending.empty()) {
+    const auto [node, depth] = pending.back();
+    pending.pop_back();
+    if (!node->is_structured()) continue;
+    deepest = std::max(deepest, depth + 1);
+    for (const JSON& child : *node) pending.emplace_back(&child, depth + 1);
+  }
+  return deepest;
+}
 
 std::string Object::description() const {
   if (isJSON()) return json().dump();

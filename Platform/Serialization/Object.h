@@ -6,6 +6,7 @@
 // Accessors are checked: asking for the wrong kind throws std::bad_variant_access.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <variant>
@@ -19,6 +20,10 @@ namespace vkq::platform {
 
 // JSON values: nlohmann::json.
 using JSON = nlohmann::json;
+
+// How deeply arrays and objects nest in `value` (0 for a scalar, 1 for "[1]"); walked
+// with a stack of its own, so a deep value does not exhaust the caller's.
+std::size_t nestingDepth(const JSON& value);
 
 class Object {
  public:

@@ -118,7 +118,7 @@ TEST(VKQJSONResponseSerializer, DecodesAcceptedAnswersAndLogsEachFailureAsAnHTTP
     const char* log;  // the failure's entry, or none
   } table[] = {
       {200, "application/json; charset=utf-8", R"({"a":[1,"x"]})", false, Object(JSON{{"a", {1, "x"}}}), nullptr},
-      {204, "", "", false, Object(), nullptr},  // an empty body is no data
+      {204, "text/html", "", false, Object(), nullptr},  // an empty body is no data, whatever its type
       {200, "application/json", "[1]", true, Object(), "request faild"},
       {200, "application/json", "[1,", false, Object(), "serialization faild"},  // the rest: the platform's tests
   };
@@ -127,13 +127,16 @@ TEST(VKQJSONResponseSerializer, DecodesAcceptedAnswersAndLogsEachFailureAsAnHTTP
     auto request = std::make_shared<RecordedRequest>(row.status, row.type, row.body);
     vkq::testing::LogCapture log;
     ErrorPtr error = row.transportError ? vkq::platform::makeError(vkq::platform::kURLErrorDomain, -1005) : nullptr;
+    const std::string logged = request->description();  // as the entry shows it
     const auto result = VKQJSONResponseSerializer::serializer()->deserialize(request, &error);
     EXPECT_EQ(result->responseCode()->code(), row.log ? -2 : 0);
     EXPECT_EQ(result->data(), row.data);
     EXPECT_EQ(result->request(), request);
     std::vector<vkq::platform::LogEntry> expected;
-    if (row.log) expected.push_back({row.log, request->description()});
+    if (row.log) expected.push_back({row.log, logged});
     EXPECT_EQ(log.entries(), expected);
+    // A refused answer says why through the request; a transport error stays as it was.
+    EXPECT_EQ(request->error() != nullptr, row.log && !row.transportError);
   }
 }
 

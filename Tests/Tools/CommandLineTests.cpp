@@ -93,6 +93,7 @@ TEST(CommandLine, MistakesNameTheProblemAndShowTheUsageButHelpWinsOverThem) {
       {{"download", "u"}, "PATH is required"},
       {{"download", "u", "p", "--retry-non-idempotent"}, "not expected: --retry-non-idempotent"},
       {{"json", "u", "--retries", "101"}, "--retries must be a number from 0 to 100"},
+      {{"json", "u", "--user", "me:x", "--password", "pw"}, "--user must not contain ':'"},
       {{"serve", "--port", "65536"}, "--port must be a number from 0 to 65535"},
   };
   for (const auto& [arguments, message] : cases) {

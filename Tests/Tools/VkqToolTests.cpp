@@ -112,6 +112,8 @@ TEST_F(VkqTool, EachFailureExitsWithItsStatusAndSaysWhy) {
   scripted.answer("/version-9", ScriptedAnswer(200, responseFrame(settings)).type("application/octet-stream"));
   scripted.answer("/500", ScriptedAnswer(500, "boom"));
   scripted.answer("/stall", ScriptedAnswer().neverAnswer());
+  scripted.answer("/deep", ScriptedAnswer(200, std::string(100000, '[') + std::string(100000, ']'))
+                               .type("application/json"));
   // A port on which nothing listens once the server is gone.
   const std::string closedURL = [] { return TestServer().url("/json/echo"); }();
 
@@ -122,6 +124,7 @@ TEST_F(VkqTool, EachFailureExitsWithItsStatusAndSaysWhy) {
   } cases[] = {
       {{"json", closedURL}, 2, "http error (code -2)"},
       {{"json", scripted.url("/stall"), "--timeout", "0.5"}, 2, "http error (code -2)"},
+      {{"json", scripted.url("/deep")}, 2, "nests arrays and objects deeper than 512 levels"},
       {{"kxp", scripted.url("/500"), "--data", "x"}, 2, "500"},
       {{"kxp", version2.url("/kxp/echo"), "--data", "x", "--version", "3"}, 2,
        "the server said: kxp frame refused: protocol version 0x03, expected 0x02"},
@@ -143,12 +146,19 @@ TEST_F(VkqTool, JSONSendsMethodBodyHeadersAndAuthorization) {
   const auto patch = vkq({"json", recorder.url("/json"), "--method", "patch", "--arg", R"({"a":[1,true,null]})",
                           "--header", "X-Trace: 7", "--user", "me", "--password", "pw"});
   EXPECT_EQ(patch.status, 0) << patch.err;
-  EXPECT_EQ(nlohmann::json::parse(patch.out), nlohmann::json({{"ok", 1}}));
+  EXPECT_EQ(patch.out, "{\n  \"ok\": 1\n}\n");
   ASSERT_EQ(recorder.requestCount(), 1u);
   const auto sent = recorder.requests().front();
   EXPECT_EQ(std::tuple(sent.method, nlohmann::json::parse(sent.body), sent.header("X-Trace"),
                        sent.header("Authorization")),
             std::tuple("PATCH", nlohmann::json::parse(R"({"a":[1,true,null]})"), "7", "Basic bWU6cHc="));
+
+  // Indenting a deep answer would multiply its size by its depth: it is printed on one line.
+  const std::string deep = std::string(400, '[') + std::string(400, ']');
+  recorder.answer("/deep", ScriptedAnswer(200, deep).type("application/json"));
+  const auto printed = vkq({"json", recorder.url("/deep")});
+  EXPECT_EQ(printed.status, 0) << printed.err;
+  EXPECT_EQ(printed.out, deep + "\n");
 }
 
 class VkqDownload : public VkqTool {

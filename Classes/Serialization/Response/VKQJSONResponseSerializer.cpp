@@ -24,6 +24,7 @@ std::shared_ptr<VKQVeskResult> VKQJSONResponseSerializer::deserialize(const std:
   // The error alone decides: an object parsed despite it is dropped.
   if (validationError) {
     DDDebug("serialization faild", request->description());
+    request->setError(std::move(validationError));  // the request's error says why the answer was refused
     return VKQVeskResult::resultWithErrorCode(-2, request);
   }
   return VKQVeskResult::initWith(VKQResponseCode::responseCode(0), std::move(parsed), request);

@@ -1,6 +1,7 @@
 // Decodes the answer of a JSON request: code 0 with the parsed JSON (absent for an
 // empty body), or -2 when the exchange failed or the answer was rejected (status,
-// content type, malformed JSON). Each failure writes one debug log entry.
+// content type, malformed or too deeply nested JSON). Each failure writes one debug log
+// entry; a rejected answer's reason then becomes the request's error.
 #pragma once
 
 #include <memory>

@@ -1,11 +1,9 @@
 #include "Tests/Classes/Fuzz/KXPResponseFuzzing.h"
 
-#include <cstdio>
-#include <cstdlib>
-
 #include "Classes/Serialization/Response/VKQKXPResponseSerializer.h"
 #include "Classes/VKQVeskResult.h"
 #include "Tests/Classes/KXPTesting.h"
+#include "Tests/Support/Fuzzing.h"
 
 namespace kxp_fuzzing {
 
@@ -29,11 +27,7 @@ std::int64_t decodeOneInput(std::span<const std::uint8_t> input) {
   static const auto serializer = VKQKXPResponseSerializer::serializer();
   const auto result = serializer->deserialize(request, &transportError);
 
-  const auto require = [](bool promise, const char* what) {
-    if (promise) return;
-    std::fprintf(stderr, "KXP decoder broke a promise: %s\n", what);
-    std::abort();
-  };
+  using vkq::testing::require;
   require(result != nullptr && result->responseCode() != nullptr, "a result with a code");
   const std::int64_t code = result->responseCode()->code();
   require(code == 0 || code == -2 || code == -3 || code == -4, "a known code");

@@ -1,8 +1,11 @@
-// Reachability: the rule over interfaces, and the monitor's reports through the override seam.
+// Reachability: the rule over interfaces and routes, the routing tables and loopback
+// hosts, and the monitor's reports through the override seam.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
+#include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -15,19 +18,58 @@ namespace {
 using namespace std::chrono_literals;
 using S = NetworkReachabilityStatus;
 
-TEST(Reachability, StatusFollowsTheInterfacesThatAreUp) {
+TEST(Reachability, StatusFollowsTheInterfacesThatAreUpAndTheDefaultRoute) {
   const NetworkInterface loopback{"lo", true, true}, ethernet{"eth0", true, false}, down{"eth1", false, false},
       cellular{"wwan0", true, false};
-  const std::pair<std::vector<NetworkInterface>, S> cases[] = {
-      {{}, S::NotReachable},
-      {{{"lo", false, true}, down}, S::NotReachable},
-      {{loopback, down}, S::ReachableViaWiFi},  // loopback alone must not block local traffic
-      {{loopback, ethernet}, S::ReachableViaWiFi},
-      {{loopback, cellular}, S::ReachableViaWWAN},
-      {{cellular, {"wlan0", true, false}}, S::ReachableViaWiFi},  // WiFi wins over a modem
-      {{{"rmnet_data0", true, false}}, S::ReachableViaWWAN},
+  const std::tuple<std::vector<NetworkInterface>, bool, S> cases[] = {  // interfaces, default route, status
+      {{}, false, S::NotReachable},
+      {{{"lo", false, true}, down}, false, S::NotReachable},
+      {{loopback, down}, false, S::NotReachable},  // loopback alone reaches no other host
+      {{loopback, down}, true, S::ReachableViaWiFi},  // ... unless a route leads elsewhere
+      {{loopback, ethernet}, false, S::ReachableViaWiFi},
+      {{loopback, cellular}, true, S::ReachableViaWWAN},
+      {{cellular, {"wlan0", true, false}}, false, S::ReachableViaWiFi},  // WiFi wins over a modem
+      {{{"rmnet_data0", true, false}}, false, S::ReachableViaWWAN},
   };
-  for (const auto& [interfaces, status] : cases) EXPECT_EQ(reachabilityStatusForInterfaces(interfaces), status);
+  for (const auto& [interfaces, route, status] : cases) {
+    EXPECT_EQ(reachabilityStatusForInterfaces(interfaces, route), status);
+  }
+}
+
+// Rows laid out as the kernel writes them (a container with IPv4 and IPv6 default routes).
+TEST(Reachability, ReadsDefaultRoutesFromTheKernelsRoutingTables) {
+  const std::string heading = "Iface\tDestination\tGateway\tFlags\tRefCnt\tUse\tMetric\tMask\tMTU\tWindow\tIRTT\n";
+  const auto v4 = [&](const char* device, const char* destination, const char* flags, const char* mask) {
+    return heading + device + "\t" + destination + "\t010200C0\t" + flags + "\t0\t0\t0\t" + mask + "\t0\t0\t0\n";
+  };
+  const std::string any(32, '0');
+  const auto v6 = [&](const std::string& destination, const char* prefix, const char* flags, const char* device) {
+    return destination + " " + prefix + " " + any + " 00 " + any + " 00000400 00000003 00000000 " + flags + "   " +
+           device + "\n";
+  };
+  const std::string subnet6 = v6("fd00" + std::string(28, '0'), "40", "00000001", "eth0");
+  const std::string reject6 = v6(any, "00", "00200200", "lo");  // the kernel's own catch-all
+  const std::tuple<std::string, std::string, bool> cases[] = {
+      {v4("eth0", "000200C0", "0001", "00FFFFFF") + v4("eth0", "00000000", "0003", "00000000"), reject6, true},
+      {v4("eth0", "000200C0", "0001", "00FFFFFF"), subnet6 + v6(any, "00", "00000003", "eth0") + reject6, true},
+      {v4("eth0", "000200C0", "0001", "00FFFFFF"), subnet6 + reject6, false},
+      {"", "", false},  // unreadable tables
+      {v4("eth0", "00000000", "0002", "00000000"), v6(any, "00", "00000002", "eth0"), false},  // not up
+      {v4("lo", "00000000", "0001", "00000000"), v6(any, "00", "00000001", "lo"), false},  // to loopback
+      {v4("eth0", "00000000", "zz", "00000000") + "eth0\t00000000\n", "x\n\n" + any + " 00", false},  // broken
+  };
+  for (const auto& [ipv4, ipv6, expected] : cases) EXPECT_EQ(hasDefaultRoute(ipv4, ipv6), expected) << ipv4 << ipv6;
+}
+
+TEST(Reachability, LoopbackHostsAreThoseThisMachineAnswersItself) {
+  for (const char* host : {"localhost", "LocalHost.", "api.localhost", "127.0.0.1", "127.255.0.9", "::1",
+                           "::ffff:127.0.0.1"}) {
+    EXPECT_TRUE(isLoopbackHost(host)) << host;
+  }
+  for (const char* host : {"", "localhost.example.com", "mylocalhost", "128.0.0.1", "10.0.0.1", "::2", "127.0.0.1.nip.io",
+                           "::ffff:10.0.0.1", "0.0.0.0"}) {
+    EXPECT_FALSE(isLoopbackHost(host)) << host;
+  }
 }
 
 std::size_t threadCount() {
@@ -50,15 +92,16 @@ TEST(ReachabilityMonitor, ReportsEachChangeOnTheMainQueueOnlyWhileMonitoring) {
     manager.startMonitoring();  // a second start neither adds a thread nor reports again
     ASSERT_TRUE(MainQueue::runUntil([&] { return !reports.empty(); }, 5s));
     const S kernel = manager.networkReachabilityStatus();
-    EXPECT_NE(kernel, S::NotReachable);  // this machine has loopback at least
+    const S other = kernel == S::NotReachable ? S::ReachableViaWiFi : S::NotReachable;
 
-    NetworkReachabilityManager::setStatusOverrideForTesting(S::NotReachable);
-    NetworkReachabilityManager::setStatusOverrideForTesting(S::NotReachable);  // no change, no report
-    EXPECT_FALSE(NetworkReachabilityManager().isReachable());  // the override wins even when not monitoring
+    NetworkReachabilityManager::setStatusOverrideForTesting(other);
+    NetworkReachabilityManager::setStatusOverrideForTesting(other);  // no change, no report
+    // The override wins even when not monitoring.
+    EXPECT_EQ(NetworkReachabilityManager().networkReachabilityStatus(), other);
     NetworkReachabilityManager::setStatusOverrideForTesting(std::nullopt);
     EXPECT_EQ(reports.size(), 1u);  // never inside the caller
     MainQueue::drain();
-    EXPECT_EQ(reports, (std::vector<std::pair<S, bool>>{{kernel, true}, {S::NotReachable, true}, {kernel, true}}));
+    EXPECT_EQ(reports, (std::vector<std::pair<S, bool>>{{kernel, true}, {other, true}, {kernel, true}}));
 
     manager.stopMonitoring();
     EXPECT_EQ(manager.networkReachabilityStatus(), S::Unknown);

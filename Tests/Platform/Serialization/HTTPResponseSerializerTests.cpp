@@ -50,8 +50,10 @@ TEST(JSONResponseSerializer, ParsesValidAnswersAndRefusesMalformedWronglyTypedOr
       {200, nullptr, nullptr, nullptr, 0},  // no type and no body: nothing to check
       {200, "application/json", "  ", nullptr, kURLErrorCannotDecodeContentData},  // only one space counts as empty
       {200, "application/json", "[1,2]x", nullptr, kURLErrorCannotDecodeContentData},
+      {204, "text/html", nullptr, nullptr, 0},  // nothing to decode: the type of an empty answer does not matter
+      {200, "text/html", "", nullptr, 0},
       // Refused by validation, so not parsed: the status first, then the type.
-      {200, "text/html", nullptr, nullptr, kURLErrorCannotDecodeContentData},  // a named type is checked
+      {200, "text/html", " ", nullptr, kURLErrorCannotDecodeContentData},
       {500, "text/html", R"({"a":1})", nullptr, kURLErrorBadServerResponse},
   };
   for (const auto& [status, type, text, json, code] : cases) {
@@ -72,6 +74,32 @@ TEST(JSONResponseSerializer, ParsesValidAnswersAndRefusesMalformedWronglyTypedOr
   EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: text/html");
   serializer.responseObjectForResponse(&untyped, Object(bytesFromString("<p>")), &error);
   EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: (null)");
+}
+
+// Parsing is iterative, but printing, copying and comparing a value recurse per level:
+// deeper answers are refused before they are parsed.
+TEST(JSONResponseSerializer, RefusesAnswersNestedDeeperThanTheLimit) {
+  const JSONResponseSerializer serializer;
+  const HTTPResponse response = answer(200);
+  const auto nested = [](std::size_t depth, const std::string& inner = "") {
+    return std::string(depth, '[') + inner + std::string(depth, ']');
+  };
+  const std::size_t limit = JSONResponseSerializer::kMaximumJSONDepth;
+  const std::pair<std::string, bool> cases[] = {  // body, accepted
+      {nested(limit), true},
+      {nested(limit - 1, R"({"a":"[[[{{{\\\"]]]"})"), true},  // brackets and escapes inside strings are text
+      {nested(limit + 1), false},
+      {nested(100000), false},
+      {"[" + nested(limit - 1, "1") + "," + nested(limit - 1) + "]", true},  // siblings don't add up
+  };
+  for (const auto& [text, accepted] : cases) {
+    SCOPED_TRACE(text.substr(0, 40));
+    ErrorPtr error;
+    const Object result = serializer.responseObjectForResponse(&response, Object(bytesFromString(text)), &error);
+    EXPECT_EQ(result.isJSON(), accepted);
+    EXPECT_EQ(error ? error->localizedDescription() : "",
+              accepted ? "" : "The JSON answer nests arrays and objects deeper than 512 levels.");
+  }
 }
 
 }  // namespace

@@ -20,6 +20,10 @@ namespace {
 
 using vkq::platform::Bytes;
 
+// Answers nested deeper than this are printed on one line: indenting each value by its
+// depth would multiply the size of a deep answer by its depth.
+constexpr std::size_t kMaximumIndentedDepth = 32;
+
 std::optional<Bytes> readFile(const std::string& path) {
   if (path == "-") return Bytes(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
   std::ifstream file(path, std::ios::binary);
@@ -159,7 +163,9 @@ int Client::run(const JSONCommand& command) const {
       vesk, [&](VKQVeskRequest::ResultBlock done) { vesk->requestCompletion(std::move(done)); }, interrupted_);
   const int status = conclude(result, *vesk, command.exchange);
   if (status == kExitSuccess && result->data().isJSON()) {
-    std::cout << result->data().json().dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+    const nlohmann::json& answer = result->data().json();
+    const int indent = vkq::platform::nestingDepth(answer) > kMaximumIndentedDepth ? -1 : 2;
+    std::cout << answer.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
   }
   return status;
 }

@@ -198,6 +198,8 @@ JSONCommand parseJSON(const GivenOptions& parsed) {
   auto user = parsed.value("--user");
   auto password = parsed.value("--password");
   if (user.has_value() != password.has_value()) throw UsageError("--user and --password go together");
+  // Basic authorization joins the two with ':', so the user name cannot hold one.
+  if (user && user->find(':') != std::string::npos) throw UsageError("--user must not contain ':'");
   if (user) command.credentials.emplace(*user, *password);
   command.exchange = parseExchangeOptions(parsed);
   return command;
