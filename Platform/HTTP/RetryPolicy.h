@@ -26,17 +26,25 @@
 namespace vkq::platform {
 
 struct RetryPolicy {
+  // A wait, on the transport's clock.
   using Duration = std::chrono::steady_clock::duration;
 
-  int maximumRetries = 0;     // retries after the first exchange; 0: none
-  double baseDelay = 0.5;     // seconds
-  double maximumDelay = 30.0; // seconds; also the cap of Retry-After
+  // Retries after the first exchange; 0: none.
+  int maximumRetries = 0;
+  // Seconds: the back-off before retry n is at most baseDelay * 2^(n-1).
+  double baseDelay = 0.5;
+  // Seconds: the cap of every back-off, and of a server's Retry-After.
+  double maximumDelay = 30.0;
+  // Statuses whose answers are retried.
   std::vector<long> statusCodes{408, 429, 500, 502, 503, 504};
+  // Failures to connect, connections lost mid-answer and time-outs are retried.
   bool retriesNetworkFailures = true;
+  // POST and PATCH are retried too.
   bool retriesNonIdempotentMethods = false;
 
   // Whether a request with `method` may be sent again at all.
   bool allowsMethod(std::string_view method) const;
+  // Whether an answer of `status` is retried.
   bool retriesStatus(long status) const;
   // The wait before retry `retry` (1 for the first), given the failed answer's
   // Retry-After field (absent: none, or no answer) and a source of randomness.

@@ -9,21 +9,32 @@
 namespace vkq::platform {
 
 struct URLSessionTaskMetrics {
-  // Seconds from the start of the last exchange until each step was done; -1 for a
-  // step it did not reach. On a reused connection the connection steps take no time.
+  // The steps below are seconds from the start of the last exchange until the step
+  // was done; -1 for a step it did not reach. On a reused connection the connection
+  // steps take no time.
+
+  // The host name was resolved.
   double nameLookup = -1;
+  // The connection was made.
   double connect = -1;
-  double secureConnect = -1;  // TLS handshake done; -1 for plain HTTP
+  // The TLS handshake was done; -1 for plain HTTP.
+  double secureConnect = -1;
+  // The request began to go out.
   double requestSent = -1;
-  double firstByte = -1;      // first byte of the answer
+  // The first byte of the answer came.
+  double firstByte = -1;
+  // The exchange ended.
   double total = -1;
-  // Over every exchange of the task: request bytes sent (head and body) and answer
-  // bytes received (head and body, as they came over the wire).
+  // Request bytes sent (head and body), over every exchange of the task.
   std::int64_t bytesSent = 0;
+  // Answer bytes received (head and body, as they came over the wire), over every exchange.
   std::int64_t bytesReceived = 0;
-  std::string httpVersion;    // "1.0", "1.1", "2" or "3"; empty without an answer
+  // "1.0", "1.1", "2" or "3"; empty without an answer.
+  std::string httpVersion;
+  // The last exchange ran on a connection an earlier one had made.
   bool reusedConnection = false;
-  int retries = 0;            // exchanges after the first
+  // Exchanges after the first.
+  int retries = 0;
   // Downloads: the body byte the last exchange started from (0: from the beginning).
   std::int64_t resumedFromByte = 0;
 };
