@@ -9,51 +9,45 @@ namespace {
 
 class VKQNetworkAgentRetry : public AgentTest {
  protected:
-  // Answers 503 ("Retry-After: 0") to the first `failures` requests for `path`, then
-  // passes them on to `then`.
-  void failFirst(const std::string& path, int failures, TestServer::Handler then) {
-    server.handle(path, [this, failures, then](const httplib::Request& request, httplib::Response& response) {
+  TestServer server;
+};
+
+// Up to three retries of answers 503 ("Retry-After: 0"); a KXP request is a POST: retried
+// only when it says so.
+TEST_F(VKQNetworkAgentRetry, RequestsRideOutFailuresAsTheirPropertiesSayAndReportOneOutcomeWithMetrics) {
+  const struct {
+    bool kxp, allowed;
+    int failures, requests;
+    const char* outcome;
+  } cases[] = {
+      {false, false, 2, 3, "success"},
+      {true, false, 100, 1, "failure"},
+      {true, true, 100, 4, "failure"},
+  };
+  std::atomic<int> seen{0};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.kxp ? "kxp" : "json") + (c.allowed ? " allowed" : ""));
+    seen = 0;
+    server.handle("/retry", [&seen, failures = c.failures](const httplib::Request&, httplib::Response& response) {
       if (seen.fetch_add(1) < failures) {
         response.status = 503;
         response.set_header("Retry-After", "0");
-        return;
+      } else {
+        response.set_content("{}", "application/json");
       }
-      then(request, response);
     });
-  }
-
-  TestServer server;
-  std::atomic<int> seen{0};
-};
-
-TEST_F(VKQNetworkAgentRetry, AJSONRequestRidesOutFailuresAndReportsOneOutcomeWithMetrics) {
-  failFirst("/json", 2, [](const httplib::Request&, httplib::Response& response) {
-    response.set_content(R"({"ok":true})", "application/json");
-  });
-  auto request = VKQVesk::initWithJSONUrl(server.url("/json"), nullptr, VKQRequestMethodGET);
-  request->maximumRetryCountPromise()(2)->retryBaseDelayPromise()(0.001);
-  const auto calls = start(*request);
-  ASSERT_TRUE(runUntil([&] { return calls->outcomes() == 1; }));
-  EXPECT_EQ(calls->order, (std::vector<std::string>{"completion", "success"}));
-  EXPECT_EQ(seen.load(), 3);
-  const auto& metrics = calls->results.back()->metrics();
-  EXPECT_EQ(metrics.retries, 2);
-  EXPECT_GE(metrics.total, metrics.firstByte);
-  EXPECT_GT(metrics.firstByte, 0);
-}
-
-TEST_F(VKQNetworkAgentRetry, AKXPRequestIsAPostAndRetriedOnlyWhenItSaysSo) {
-  failFirst("/kxp", 100, nullptr);
-  for (const bool allowed : {false, true}) {
-    seen = 0;
-    auto request = kxpRequest(server.url("/kxp"), "ping");
+    auto request = c.kxp ? kxpRequest(server.url("/retry"), "ping")
+                         : VKQVesk::initWithJSONUrl(server.url("/retry"), nullptr, VKQRequestMethodGET);
     request->maximumRetryCountPromise()(3)->retryBaseDelayPromise()(0.001)->retriesNonIdempotentRequestsPromise()(
-        allowed);
+        c.allowed);
     const auto calls = start(*request);
     ASSERT_TRUE(runUntil([&] { return calls->outcomes() == 1; }));
-    EXPECT_EQ(calls->order.back(), "failure");
-    EXPECT_EQ(seen.load(), allowed ? 4 : 1);
-    EXPECT_EQ(calls->results.back()->metrics().retries, allowed ? 3 : 0);
+    EXPECT_EQ(calls->order, (std::vector<std::string>{"completion", c.outcome}));
+    EXPECT_EQ(seen.load(), c.requests);
+    const auto& metrics = calls->results.back()->metrics();
+    EXPECT_EQ(metrics.retries, c.requests - 1);
+    EXPECT_GE(metrics.total, metrics.firstByte);
+    EXPECT_GT(metrics.firstByte, 0);
   }
 }
 

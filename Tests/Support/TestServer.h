@@ -63,7 +63,6 @@ struct ScriptedAnswer {
     headers.emplace_back(std::move(name), std::move(value));
     return *this;
   }
-  ScriptedAnswer& dropAfter(std::size_t bytes) { pacing.dropAfterBytes = bytes; return *this; }
   // Never answers; the connection stays open until the server stops.
   ScriptedAnswer& neverAnswer() { answers = false; return *this; }
   ScriptedAnswer& slow(std::chrono::milliseconds pause, std::size_t piece) {
