@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <optional>
-#include <random>
 #include <string_view>
 
 #include "Platform/Base/Error.h"
@@ -18,7 +17,8 @@ class ExchangeRetrier {
  public:
   using Clock = std::chrono::steady_clock;
 
-  ExchangeRetrier(RetryPolicy policy, std::string_view method);
+  // `policy` must outlive the retrier (the transfer's request holds it).
+  ExchangeRetrier(const RetryPolicy& policy, std::string_view method);
 
   // The exchange ended with `error` (absent: an answer came, `response`) and was not
   // cancelled. The wait before the next exchange, or absent when this outcome stands:
@@ -31,10 +31,9 @@ class ExchangeRetrier {
  private:
   bool isRetryable(const ErrorPtr& error, const HTTPResponse* response) const;
 
-  const RetryPolicy policy_;
+  const RetryPolicy& policy_;
   const bool methodAllows_;
   int retries_ = 0;
-  std::mt19937_64 random_;
 };
 
 }  // namespace vkq::platform

@@ -48,6 +48,9 @@ bool isValidContentLength(std::string_view value) {
   return !value.empty() && value.front() != '-' && failure == std::errc() && end == value.data() + value.size();
 }
 
+// The policy of a transfer without a request.
+const RetryPolicy kNoRetries;
+
 std::uint64_t nextTaskIdentifier() {
   static std::atomic<std::uint64_t> counter{0};
   return counter.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -90,7 +93,7 @@ SessionTransfer::SessionTransfer(const std::shared_ptr<SessionEngine>& engine, S
       checksExcessBody_(options.checksExcessBody),
       uploadProgress_(std::move(options.uploadProgress)),
       downloadProgress_(std::move(options.downloadProgress)),
-      retrier_(request_ ? request_->retryPolicy : RetryPolicy{}, request_ ? request_->HTTPMethod : "GET") {}
+      retrier_(request_ ? request_->retryPolicy : kNoRetries, request_ ? request_->HTTPMethod : "GET") {}
 
 SessionTransfer::~SessionTransfer() = default;
 
