@@ -87,7 +87,7 @@ TEST_F(TransportFaultTest, AnswersCutShortOrFramedWronglyFailAndWholeOnesSucceed
 
 TEST_F(TransportFaultTest, RequestsThatCannotBeSentSafelyFailBeforeAnythingIsSent) {
   TestServer::Options untrusted;  // a self-signed certificate for 127.0.0.1, valid for a century
-  untrusted.certificateFile = untrusted.privateKeyFile = VKQ_SOURCE_DIR "/Tests/Support/untrusted-127.0.0.1.pem";
+  untrusted.certificateAndKeyFile = VKQ_SOURCE_DIR "/Tests/Support/untrusted-127.0.0.1.pem";
   TestServer tls(untrusted);
   const std::string closedURL = FaultServer().url("/gone");
   URLRequest injecting = request("/injected");
