@@ -19,19 +19,12 @@ struct WideBacklog : Base {
   void widen() { ::listen(this->svr_sock_, SOMAXCONN); }
 };
 
-struct ByteRange {
-  std::size_t first;
-  std::optional<std::size_t> last;
-};
-
-// "bytes=N-" or "bytes=N-M"; anything else (suffix ranges, lists) is not understood.
-std::optional<ByteRange> parseRange(const std::string& header) {
-  static const std::regex form(R"(bytes=(\d{1,18})-(\d{0,18}))");
+// The first byte of "bytes=N-"; anything else (closed, suffix ranges, lists) is not understood.
+std::optional<std::size_t> parseRange(const std::string& header) {
+  static const std::regex form(R"(bytes=(\d{1,18})-)");
   std::smatch match;
   if (!std::regex_match(header, match, form)) return std::nullopt;
-  ByteRange range{std::stoull(match[1]), std::nullopt};
-  if (match[2].length() > 0) range.last = std::stoull(match[2]);
-  return range;
+  return std::stoull(match[1]);
 }
 
 }  // namespace
@@ -45,9 +38,8 @@ TestServer::TestServer(Options options) {
     server_ = std::move(server);
     return [raw] { raw->widen(); };
   };
-  const auto widenBacklog = options.certificateFile && options.privateKeyFile
-                                ? keep(std::make_unique<WideBacklog<httplib::SSLServer>>(
-                                      options.certificateFile->c_str(), options.privateKeyFile->c_str()))
+  const auto& pem = options.certificateAndKeyFile;
+  const auto widenBacklog = pem ? keep(std::make_unique<WideBacklog<httplib::SSLServer>>(pem->c_str(), pem->c_str()))
                                 : keep(std::make_unique<WideBacklog<httplib::Server>>());
   if (!server_->is_valid()) throw std::runtime_error("test server: cannot set up (TLS files?)");
 
@@ -66,7 +58,7 @@ TestServer::TestServer(Options options) {
   port_ = server_->bind_to_any_port("127.0.0.1");
   if (port_ <= 0) throw std::runtime_error("test server: cannot bind to 127.0.0.1");
   widenBacklog();
-  base_ = std::string(options.certificateFile ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
+  base_ = std::string(pem ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() does nothing until the server runs, so a stop() right after construction
   // would leave the accept loop running for ever.
@@ -105,7 +97,7 @@ void TestServer::answer(const std::string& path, ScriptedAnswer answer) {
     }
     response.status = answer.status;
     for (const auto& [name, value] : answer.headers) response.set_header(name, value);
-    if (!answer.pacing.dropAfterBytes && answer.pacing.pieceDelay.count() == 0) {
+    if (answer.pacing.pieceDelay.count() == 0) {
       response.set_content(answer.body, answer.contentType);
       return;
     }
@@ -149,9 +141,7 @@ void TestServer::dispatch(const httplib::Request& request, httplib::Response& re
   // decide about ranges on their own, from the header.
   const_cast<httplib::Request&>(request).ranges.clear();
 
-  const auto mark = request.target.find('?');
-  RecordedRequest record{request.method, request.path, mark == std::string::npos ? "" : request.target.substr(mark + 1),
-                         request.headers, request.body};
+  RecordedRequest record{request.method, request.path, request.headers, request.body};
   Handler handler;
   {
     std::lock_guard lock(mutex_);
@@ -192,33 +182,28 @@ void TestServer::sendFile(const std::filesystem::path& file, const FileOptions& 
   if (options.lastModified) response.set_header("Last-Modified", *options.lastModified);
   response.set_header("Accept-Ranges", "bytes");
 
-  std::optional<ByteRange> range = parseRange(request.get_header_value("Range"));
+  std::optional<std::size_t> first = parseRange(request.get_header_value("Range"));
   const std::string condition = request.get_header_value("If-Range");
   if (!condition.empty() && condition != options.etag.value_or("") && condition != options.lastModified.value_or("")) {
-    range.reset();
+    first.reset();
   }
-  std::size_t first = 0, length = size;
-  response.status = 200;
-  if (range) {
-    if (range->first >= size) {
-      response.status = 416;
-      response.set_header("Content-Range", "bytes */" + std::to_string(size));
-      return;
-    }
-    const std::size_t last = std::min(range->last.value_or(size - 1), size - 1);
-    first = range->first;
-    length = last - first + 1;
-    response.status = 206;
+  if (first && *first >= size) {
+    response.status = 416;
+    response.set_header("Content-Range", "bytes */" + std::to_string(size));
+    return;
+  }
+  response.status = first ? 206 : 200;
+  if (first) {
     response.set_header("Content-Range",
-                        "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" + std::to_string(size));
+                        "bytes " + std::to_string(*first) + "-" + std::to_string(size - 1) + "/" + std::to_string(size));
   }
 
   std::shared_ptr<std::FILE> stream(std::fopen(file.c_str(), "rb"), [](std::FILE* f) { if (f) std::fclose(f); });
-  if (!stream || std::fseek(stream.get(), static_cast<long>(first), SEEK_SET) != 0) {
+  if (!stream || std::fseek(stream.get(), static_cast<long>(first.value_or(0)), SEEK_SET) != 0) {
     response.status = 500;
     return;
   }
-  sendBody(response, length, "application/octet-stream", options.pacing,
+  sendBody(response, size - first.value_or(0), "application/octet-stream", options.pacing,
            [stream](std::size_t, char* buffer, std::size_t count) {
              return std::fread(buffer, 1, count, stream.get());
            });

@@ -4,8 +4,8 @@
 //
 // Routes are keyed by exact path and serve every method; registering a path again
 // replaces its route, also while the server runs. A request for an unknown path gets
-// 404. Every request is recorded (method, path, query, headers, body) before its route
-// runs, so a request that is never answered is recorded too.
+// 404. Every request is recorded (method, path, headers, body) before its route runs,
+// so a request that is never answered is recorded too.
 //
 // Thread-safe. The server starts in the constructor and stops in the destructor (or
 // stop()); stopping releases handlers that wait (neverAnswer, slow).
@@ -33,7 +33,6 @@ namespace vkq::testing {
 struct RecordedRequest {
   std::string method;
   std::string path;
-  std::string query;  // without "?"; empty when none
   httplib::Headers headers;
   std::string body;
 
@@ -80,7 +79,7 @@ struct ScriptedAnswer {
 };
 
 // How serveFile() answers. Validators go into ETag and Last-Modified when set; Range
-// ("bytes=N-" or "bytes=N-M") is honoured unless If-Range names another validator,
+// ("bytes=N-") is honoured unless If-Range names another validator,
 // in which case the whole file is sent with 200. A start at or past the end gets 416
 // with "Content-Range: bytes */size".
 struct FileOptions {
@@ -103,9 +102,8 @@ class TestServer {
   struct Options {
     // Handler threads: each keep-alive connection holds one while it is open.
     std::size_t threads = 16;
-    // Serve HTTPS with these PEM files instead of plain HTTP.
-    std::optional<std::filesystem::path> certificateFile;
-    std::optional<std::filesystem::path> privateKeyFile;
+    // Serve HTTPS instead of plain HTTP, with the certificate and private key in this PEM file.
+    std::optional<std::filesystem::path> certificateAndKeyFile;
   };
 
   TestServer();
