@@ -59,16 +59,14 @@ inline std::shared_ptr<Calls> start(VKQVeskRequest& request) {
 }
 
 // Serves `path` as a KXP endpoint: the request frame is parsed under `settings` (400
-// when it is refused) and the answer is "pong:" + payload, framed under `answer`.
-inline void serveKXP(TestServer& server, const std::string& path, const VKQKXPFrameSettings& settings,
-                     std::optional<VKQKXPFrameSettings> answer = std::nullopt) {
-  server.handle(path, [settings, answer = answer.value_or(settings)](const httplib::Request& request,
-                                                                     httplib::Response& response) {
+// when it is refused) and the answer is "pong:" + payload, framed under them too.
+inline void serveKXP(TestServer& server, const std::string& path, const VKQKXPFrameSettings& settings) {
+  server.handle(path, [settings](const httplib::Request& request, httplib::Response& response) {
     const auto payload = VKQKXPServerCodec::parseRequestFrame(
         std::span(reinterpret_cast<const std::uint8_t*>(request.body.data()), request.body.size()), settings, nullptr);
     if (!payload) return void(response.status = 400);
     const auto frame = VKQKXPServerCodec::makeResponseFrame(
-        vkq::platform::bytesFromString("pong:" + std::string(payload->begin(), payload->end())), answer);
+        vkq::platform::bytesFromString("pong:" + std::string(payload->begin(), payload->end())), settings);
     response.set_content(std::string(frame->begin(), frame->end()), "application/octet-stream");
   });
 }

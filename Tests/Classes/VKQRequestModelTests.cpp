@@ -67,23 +67,6 @@ TEST(VKQVesk, EachInitializerStartsFromItsOwnDefaults) {
   EXPECT_EQ(std::get<1>(table[4])->resumableDownloadPath(), "/tmp/f.zip");
 }
 
-TEST(VKQVesk, PromisesChainInOneExpressionAndSetTheirOwnField) {
-  auto vesk = VKQVesk::initWithKXPUrl("http://h/k", nullptr);
-  const auto end = vesk->GET()->compressPromise()(false)->xorkeyPromise()(0x5A)->protocolVCPromise()(2)
-                       ->insertAtBeginBodyPromise()(0x1234)->packageNamePromise()("com.example")
-                       ->releaseVersionPromise()(0xFFFFFFFE)->bigEndianPromise()(false)->uploadOSTypePromise()(false)
-                       ->responseSerializerTypePromise()(VKQResponseSerializerTypeJSON)
-                       ->headersPromise()(VKQHeaderDictionary{{"X-A", "1"}})->nonProtocolPromise()();
-  EXPECT_EQ(end, vesk);
-  EXPECT_EQ(settingsOf(*vesk), Settings(VKQRequestMethodGET, VKQRequestSerializerTypeKXP, VKQResponseSerializerTypeJSON,
-                                        2, 0x5A, false, 0x1234, false, "com.example", -2 /* bit for bit */, false, true,
-                                        VKQHeaderDictionary{{"X-A", "1"}}));
-  vesk->POST()->requestMethedPromise()(VKQRequestMethodPATCH)->requestSerializerTypePromise()(
-      VKQRequestSerializerTypeJSON);
-  EXPECT_EQ(vesk->requestMethod(), VKQRequestMethodPATCH);
-  EXPECT_EQ(vesk->requestSerializerType(), VKQRequestSerializerTypeJSON);
-}
-
 TEST(VKQVesk, PromisesHoldTheBuilderWeaklyAndNothingWorksWithoutAnOwner) {
   auto vesk = VKQVesk::initWithKXPUrl("http://h/k", nullptr);
   const std::weak_ptr<VKQVesk> watch = vesk;
