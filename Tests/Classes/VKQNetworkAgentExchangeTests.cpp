@@ -127,6 +127,23 @@ TEST_F(VKQNetworkAgentExchange, ARequestRefusedBeforeItIsSentIsFreedOnceItsOutco
   EXPECT_EQ(server.requestCount(), 0u);
 }
 
+TEST_F(VKQNetworkAgentExchange, ARequestStartedAgainFromItsFailureCallbackKeepsItsNewCallbacks) {
+  std::atomic<int> served = 0;
+  server.handle("/flaky", [&served](const httplib::Request&, httplib::Response& response) {
+    response.status = served++ == 0 ? 500 : 200;  // the first answer fails, the next one succeeds
+    response.set_content("{}", "application/json");
+  });
+  auto request = VKQVesk::initWithJSONUrl(server.url("/flaky"), nullptr, VKQRequestMethodGET);
+  Order heard;
+  const auto note = [&heard](const char* what) { return [&heard, what](auto) { heard.push_back(what); }; };
+  request->requestWithSuccess(note("first success"), [&](auto) {
+    heard.push_back("first failure");
+    request->requestWithSuccess(note("retry success"), note("retry failure"));
+  });
+  ASSERT_TRUE(runUntil([&] { return heard.size() == 2; }));
+  EXPECT_EQ(heard, (Order{"first failure", "retry success"}));
+}
+
 TEST_F(VKQNetworkAgentExchange, ACancelledRequestNeverHearsBack) {
   server.answer("/hang", ScriptedAnswer().neverAnswer());
   auto request = kxpRequest(server.url("/hang"), "ping");
