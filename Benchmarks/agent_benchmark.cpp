@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "Benchmarks/ProcessUsage.h"
 #include "Benchmarks/PairedRatios.h"
 #include "Classes/Serialization/Request/VKQHTTPRequestSerializer.h"
 #include "Classes/Serialization/VKQKXPRequestSettings.h"
@@ -78,16 +79,6 @@ double cpuSeconds() {
   getrusage(RUSAGE_SELF, &usage);
   auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-// Resident set size in KiB.
-long residentKiB() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-  }
-  return 0;
 }
 
 // Counts completions and wakes the benchmark thread after the last one.
@@ -180,7 +171,7 @@ void transportExchanges(benchmark::State& state) {
 
 // 1,000 agent requests held by the server; returns the RSS growth per request in bytes.
 double heldRequestsMemory(int releaseFd, int arrivedFd) {
-  const long before = residentKiB();
+  const long before = vkq::bench::residentKiB();
   Completions completions;
   for (int i = 0; i < kHeld; ++i) {
     makeRequest("/hold")->requestCompletion([&](std::shared_ptr<VKQVeskResult> result) {
@@ -189,7 +180,7 @@ double heldRequestsMemory(int releaseFd, int arrivedFd) {
   }
   char byte = 0;
   if (read(arrivedFd, &byte, 1) != 1) return -1;
-  const long during = residentKiB();
+  const long during = vkq::bench::residentKiB();
   if (write(releaseFd, &byte, 1) != 1) return -1;
   completions.wait(kHeld);
   std::printf("  1,000 requests in flight: RSS %ld KiB before, %ld KiB while held, %d failed\n", before, during,

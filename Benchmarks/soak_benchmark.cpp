@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "Benchmarks/ProcessUsage.h"
 #include "Classes/Serialization/VKQKXPRequestSettings.h"
 #include "Classes/Serialization/VKQKXPServerCodec.h"
 #include "Classes/VKQNetworkAgent.h"
@@ -39,15 +40,6 @@ using namespace std::chrono_literals;
 
 constexpr int kInFlight = 32;
 constexpr int kWarmUp = 10'000;
-
-long residentKiB() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-  }
-  return 0;
-}
 
 int openDescriptors() {
   int count = 0;
@@ -225,7 +217,7 @@ int main(int argc, char** argv) {
 
   soak.run(kWarmUp);
   soak.settle();
-  const long rssBefore = residentKiB();
+  const long rssBefore = vkq::bench::residentKiB();
   const int fdsBefore = openDescriptors();
   std::printf("after %d warm-up exchanges: RSS %ld KiB, %d open descriptors\n", kWarmUp, rssBefore, fdsBefore);
 
@@ -233,7 +225,7 @@ int main(int argc, char** argv) {
   soak.run(exchanges);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   soak.settle();
-  const long rssAfter = residentKiB();
+  const long rssAfter = vkq::bench::residentKiB();
   const int fdsAfter = openDescriptors();
   const double growth = 100.0 * static_cast<double>(rssAfter - rssBefore) / static_cast<double>(rssBefore);
   std::printf("after %d more exchanges (%.1f s, %d cancelled, %d unexpected outcomes): RSS %ld KiB (%+.1f %%), %d open "
