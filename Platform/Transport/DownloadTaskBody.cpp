@@ -188,10 +188,7 @@ ErrorPtr DownloadTaskBody::didReceiveData(const char* data, std::size_t length) 
 bool DownloadTaskBody::shouldRestart() {
   if (!restartWanted_ || restarted_) return false;
   restarted_ = true;
-  restartWanted_ = false;
-  offset_ = 0;
-  validator_.clear();
-  return truncateFile() == nullptr;
+  return startOver();
 }
 
 bool DownloadTaskBody::prepareRetry() {
@@ -200,6 +197,10 @@ bool DownloadTaskBody::prepareRetry() {
     offset_ = written_;  // willSend() asks for the rest, guarded by the validator
     return true;
   }
+  return startOver();
+}
+
+bool DownloadTaskBody::startOver() {
   restartWanted_ = false;
   offset_ = 0;
   validator_.clear();

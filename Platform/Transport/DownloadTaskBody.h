@@ -81,6 +81,8 @@ class DownloadTaskBody final : public BodySink {
   // The task's error for a file operation `what` that failed with `cause`.
   ErrorPtr fileError(URLErrorCode code, const std::string& what, const ErrorPtr& cause) const;
   bool isResumable() const;
+  // Empties the file for a plain request of the whole entity; false when it cannot.
+  bool startOver();
   void removeFile();
   // Moves the finished file to `target`; false, with `error`, when it cannot.
   bool moveFile(const std::filesystem::path& target, ErrorPtr& error);
