@@ -71,9 +71,10 @@ DownloadTaskBody& URLSessionDownloadTask::body() const {
 
 void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std::optional<Bytes>)> handler) {
   if (!body().requestResumeData(handler)) {
-    transfer()->postToCompletionQueue([handler = std::move(handler)] {
+    // Ended already: the handler hears how (resume data only when it ended failing).
+    transfer()->postToCompletionQueue([handler = std::move(handler), ending = body().endingResumeData()] {
       try {
-        if (handler) handler(std::nullopt);
+        if (handler) handler(ending.get());
       } catch (...) {
         // As for every callback of the queue.
       }
@@ -83,11 +84,8 @@ void URLSessionDownloadTask::cancelByProducingResumeData(std::function<void(std:
 }
 
 std::shared_future<std::optional<Bytes>> URLSessionDownloadTask::cancelByProducingResumeData() {
-  if (!body().requestResumeData(nullptr)) {
-    std::promise<std::optional<Bytes>> none;
-    none.set_value(std::nullopt);
-    return none.get_future().share();
-  }
+  // Once the download has ended, the future already holds what it ended with.
+  body().requestResumeData(nullptr);
   cancel();
   return body().endingResumeData();
 }

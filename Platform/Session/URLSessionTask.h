@@ -104,11 +104,12 @@ class URLSessionDownloadTask : public URLSessionTask {
 
   // Cancels the task; `handler` then runs on the manager's completion queue, before the
   // completion handler, with resume data, or with absent when the download cannot be
-  // resumed (no validator from the server, no bytes written, already completed).
+  // resumed (no validator from the server, no bytes written, completed). Called after
+  // the download has ended, it hands over the resume data the download ended with.
   void cancelByProducingResumeData(std::function<void(std::optional<Bytes> resumeData)> handler);
   // Cancels the task like the handler form; the future holds the same resume data (or
   // absent) as soon as the transfer has stopped, before the completion queue hears of
-  // it, and is absent at once when the download had already ended. Waiting for it
+  // it. Called again, or after the download has ended, it holds the same. Waiting for it
   // waits only for the manager's worker thread to stop the transfer (the worker runs no
   // callbacks), so it may be done on any thread, in callbacks too; it ends also when
   // the manager is gone.

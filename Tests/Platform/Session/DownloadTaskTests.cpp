@@ -149,6 +149,7 @@ TEST_F(DownloadTaskTest, CancelGivesUpButCancelByProducingResumeDataContinuesAnd
   EXPECT_FALSE(completionSeenFirst);
   EXPECT_EQ(codeOf(outcomes.all()[1].error), platform::kURLErrorCancelled);
   ASSERT_TRUE(ending.has_value() && ending == produced.all().at(0));
+  EXPECT_EQ(cancelled->cancelByProducingResumeData().get(), ending);  // asked once it has ended
 
   server.serveFile("/slow", source, FileOptions().withETag("\"v1\""));
   Outcomes<platform::Progress> progress;
