@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <regex>
 #include <stdexcept>
 
 #include <sys/socket.h>
+
+#include "Tools/vkq/Server/FileResponder.h"
 
 namespace vkq::testing {
 namespace {
@@ -18,14 +19,6 @@ struct WideBacklog : Base {
   using Base::Base;
   void widen() { ::listen(this->svr_sock_, SOMAXCONN); }
 };
-
-// The first byte of "bytes=N-"; anything else (closed, suffix ranges, lists) is not understood.
-std::optional<std::size_t> parseRange(const std::string& header) {
-  static const std::regex form(R"(bytes=(\d{1,18})-)");
-  std::smatch match;
-  if (!std::regex_match(header, match, form)) return std::nullopt;
-  return std::stoull(match[1]);
-}
 
 }  // namespace
 
@@ -182,28 +175,32 @@ void TestServer::sendFile(const std::filesystem::path& file, const FileOptions& 
   if (options.lastModified) response.set_header("Last-Modified", *options.lastModified);
   response.set_header("Accept-Ranges", "bytes");
 
-  std::optional<std::size_t> first = parseRange(request.get_header_value("Range"));
-  const std::string condition = request.get_header_value("If-Range");
-  if (!condition.empty() && condition != options.etag.value_or("") && condition != options.lastModified.value_or("")) {
-    first.reset();
-  }
-  if (first && *first >= size) {
+  // The reference server's decision, under the validators the test chose.
+  const auto header = [&request](const char* name) {
+    return request.has_header(name) ? std::optional(request.get_header_value(name)) : std::nullopt;
+  };
+  using Kind = tool::RangeDecision::Kind;
+  const auto decision = tool::decideRange(header("Range"), header("If-Range"),
+                                          {options.etag.value_or(""), options.lastModified.value_or(""), size});
+  if (decision.kind == Kind::Unsatisfiable) {
     response.status = 416;
     response.set_header("Content-Range", "bytes */" + std::to_string(size));
     return;
   }
-  response.status = first ? 206 : 200;
-  if (first) {
-    response.set_header("Content-Range",
-                        "bytes " + std::to_string(*first) + "-" + std::to_string(size - 1) + "/" + std::to_string(size));
+  const bool partial = decision.kind == Kind::Partial;
+  const std::size_t first = partial ? decision.range.first : 0, length = partial ? decision.range.length : size;
+  response.status = partial ? 206 : 200;
+  if (partial) {
+    response.set_header("Content-Range", "bytes " + std::to_string(first) + "-" + std::to_string(first + length - 1) +
+                                             "/" + std::to_string(size));
   }
 
   std::shared_ptr<std::FILE> stream(std::fopen(file.c_str(), "rb"), [](std::FILE* f) { if (f) std::fclose(f); });
-  if (!stream || std::fseek(stream.get(), static_cast<long>(first.value_or(0)), SEEK_SET) != 0) {
+  if (!stream || std::fseek(stream.get(), static_cast<long>(first), SEEK_SET) != 0) {
     response.status = 500;
     return;
   }
-  sendBody(response, size - first.value_or(0), "application/octet-stream", options.pacing,
+  sendBody(response, length, "application/octet-stream", options.pacing,
            [stream](std::size_t, char* buffer, std::size_t count) {
              return std::fread(buffer, 1, count, stream.get());
            });

@@ -78,10 +78,9 @@ struct ScriptedAnswer {
   BodyPacing pacing;
 };
 
-// How serveFile() answers. Validators go into ETag and Last-Modified when set; Range
-// ("bytes=N-") is honoured unless If-Range names another validator,
-// in which case the whole file is sent with 200. A start at or past the end gets 416
-// with "Content-Range: bytes */size".
+// How serveFile() answers. Validators go into ETag and Last-Modified when set; Range and
+// If-Range are decided as the reference server decides them (Tools/vkq/Server/FileResponder.h),
+// under these validators.
 struct FileOptions {
   FileOptions& withETag(std::string value) { etag = std::move(value); return *this; }
   FileOptions& withLastModified(std::string value) { lastModified = std::move(value); return *this; }
