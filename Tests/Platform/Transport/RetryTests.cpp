@@ -31,9 +31,7 @@ class RetryTest : public ::testing::Test {
     return {outcomes.all().at(0), task->metrics()};
   }
   std::size_t requestsFor(const std::string& path) const {
-    const auto all = server.requests();
-    return static_cast<std::size_t>(
-        std::count_if(all.begin(), all.end(), [&](const FaultRequest& r) { return r.target == path; }));
+    return static_cast<std::size_t>(std::ranges::count(server.requests(), path, &FaultRequest::target));
   }
   static FaultAnswer unavailable(std::string retryAfter = "0") {
     return FaultAnswer::reply(503, "busy", "Retry-After: " + retryAfter + "\r\n");
