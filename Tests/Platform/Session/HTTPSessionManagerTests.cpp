@@ -2,11 +2,11 @@
 #include "Platform/Session/HTTPSessionManager.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <tuple>
 #include <utility>
 
+#include "Classes/Codec/Deflate.h"
 #include "Tests/Platform/Transport/TransportTesting.h"
 #include "Tests/Support/TestServer.h"
 
@@ -17,19 +17,9 @@ using platform::HTTPSessionManager;
 using platform::URLRequest;
 using platform::URLSessionTaskState;
 
-// `text` compressed for "Content-Encoding: deflate" (zlib framing).
-std::string deflated(const std::string& text) {
-  uLongf size = compressBound(text.size());
-  std::string out(size, '\0');
-  compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(text.data()), text.size(), 9);
-  out.resize(size);
-  return out;
-}
-
 class DataTaskTest : public ::testing::Test {
  protected:
   DataOutcome run(const URLRequest& request) { return runToEnd(*manager, request); }
-  DataOutcome get(const std::string& path) { return run(makeRequest(server.url(path))); }
   // A resumed task for `path` that reports to `outcomes`.
   auto start(const std::string& path, Outcomes<DataOutcome>& outcomes, double timeout = 20.0) {
     auto task =
@@ -49,7 +39,7 @@ TEST_F(DataTaskTest, AnswersArriveOnTheCompletionQueueAndStatusesOutside2xxAreEr
   std::optional<std::string> cookie;  // set by the answer before
   for (const auto& [status, body, error] : cases) {
     server.answer("/status", ScriptedAnswer(status, body).header("Set-Cookie", "last=" + std::to_string(status)));
-    const DataOutcome outcome = get("/status");
+    const DataOutcome outcome = run(makeRequest(server.url("/status")));
     EXPECT_EQ(server.requests().back().header("Cookie"), std::exchange(cookie, "last=" + std::to_string(status)));
     EXPECT_EQ(outcome.response ? outcome.response->statusCode : 0, status);
     EXPECT_EQ(outcome.body(), body);
@@ -81,9 +71,10 @@ TEST_F(DataTaskTest, SuspendedTaskMovesNoDataAndDoesNotTimeOutThenResumesOrCance
 TEST_F(DataTaskTest, CompressedAnswersAreDecodedAndBodiesBeyondTheLimitFailWhetherAnnouncedStreamedOrCompressed) {
   server.answer("/announced", ScriptedAnswer(200, std::string(100 * 1024, 'a')));
   server.answer("/streamed", ScriptedAnswer(200, std::string(100 * 1024, 'b')).slow(0ms, 16 * 1024));
-  // 16 MiB of zeros in a few KiB: a compression bomb.
+  // 16 MiB of zeros in a few KiB: a compression bomb. ("deflate" is the zlib format.)
   const auto compressed = [](const std::string& text) {
-    return ScriptedAnswer(200, deflated(text)).header("Content-Encoding", "deflate");
+    const auto bytes = Deflate::compress(platform::bytesFromString(text)).value();
+    return ScriptedAnswer(200, std::string(bytes.begin(), bytes.end())).header("Content-Encoding", "deflate");
   };
   server.answer("/bomb", compressed(std::string(16 << 20, '\0')));
   server.answer("/fits", compressed(std::string(64 * 1024, 'c')));
