@@ -53,7 +53,7 @@ TEST(Deflate, TruncatedDamagedAndOversizedStreamsAreRejected) {
   }
   Bytes header = good, adler = good, longer = good;
   header[1] ^= 0x01;
-  adler.back() ^= 0x01;
+  adler[adler.size() - 1] ^= 0x01;
   longer.push_back(0);
   for (const Bytes& damaged : {header, adler, longer, Bytes(good.begin() + 2, good.end())}) {
     EXPECT_EQ(Deflate::decompress(damaged), std::nullopt);
