@@ -60,7 +60,6 @@ TEST(VKQNetworkAgentSerializers, PicksTheSerializerByTypeAndConfiguresIt) {
   request->headers = VKQHeaderDictionary{{"X-One", "1"}};
   auto kxp = agent().requestSerializerForRequest(request);
   ASSERT_NE(std::dynamic_pointer_cast<VKQKXPRequestSerializer>(kxp), nullptr);
-  EXPECT_EQ(kxp->request(), request);
   EXPECT_EQ(std::tuple(kxp->timeoutInterval(), kxp->allowsCellularAccess(), kxp->maximumBodyLength()),
             std::tuple(7.5, false, 4096u));
   EXPECT_EQ(kxp->valueForHTTPHeaderField("Authorization"), "Basic dXNlcjpzZWNyZXQ=");  // first and last: user:secret

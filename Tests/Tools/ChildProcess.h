@@ -14,10 +14,9 @@
 #include <regex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "Tests/Support/Files.h"
+#include "Tests/Platform/Transport/TransportTesting.h"
 
 namespace vkq::testing {
 
@@ -58,7 +57,7 @@ class ChildProcess {
     const std::regex regex(pattern);
     std::string text;
     std::smatch match;
-    pollUntil(
+    waitUntil(
         [&] {
           const bool alive = running();  // before reading, so that nothing written before an exit is missed
           return std::regex_search(text = contents(stream), match, regex) || !alive;
@@ -71,23 +70,12 @@ class ChildProcess {
   // The exit status (128 + N for a child killed by signal N); absent on time-out, in
   // which case the child is killed.
   std::optional<int> wait(std::chrono::milliseconds timeout) {
-    if (pollUntil([&] { return !running(); }, timeout)) return status_;
+    if (waitUntil([&] { return !running(); }, timeout)) return status_;
     kill(pid_, SIGKILL);
     reap(0);
     return std::nullopt;
   }
   std::string contents(Stream stream) const { return readFile(path(stream)); }
-
-  // Polls `condition` every 10 ms until it holds or the time-out passes.
-  template <typename Condition>
-  static bool pollUntil(Condition condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-  }
 
  private:
   std::string path(Stream stream) const { return (folder_ / (stream == Stream::Output ? "out" : "err")).string(); }

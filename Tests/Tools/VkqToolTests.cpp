@@ -181,7 +181,7 @@ class VkqDownload : public VkqTool {
     ServeProcess server(concat(root(), {"--rate-limit", "1048576"}));
     {
       ChildProcess first(inFolder(download(server)));
-      EXPECT_TRUE(ChildProcess::pollUntil([&] { return partialBytes() >= kSize / 12; }, 20s));
+      EXPECT_TRUE(waitUntil([&] { return partialBytes() >= kSize / 12; }, 20s));
       first.signal(signal);
       EXPECT_EQ(first.wait(20s), interruptedStatus);
     }

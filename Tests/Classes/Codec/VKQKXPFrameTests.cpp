@@ -10,7 +10,7 @@
 #include <zlib.h>
 
 #include "Classes/Codec/Deflate.h"
-#include "Tests/Classes/Codec/RandomBytes.h"
+#include "Tests/Support/Files.h"
 
 namespace {
 
@@ -92,7 +92,7 @@ TEST(VKQKXPFrame, RandomSettingsFrameAsTheReferenceAndRoundTrip) {
                       .uploadOSType = below(2) == 0,
                       .releaseVersion = static_cast<std::int32_t>(below(5)) * 300 - 600};
     if (below(2) == 0) settings.packageName = below(2) == 0 ? "" : "com.example.app" + std::to_string(below(100));
-    Bytes payload = codec_reference::randomBytes(1 + below(3000), random());
+    Bytes payload = bytesFromString(vkq::testing::patternBytes(1 + below(3000), random()));
     if (below(2) == 0)
       for (auto& byte : payload) byte = "abcab "[byte % 6];
     SCOPED_TRACE("iteration " + std::to_string(i));
