@@ -21,14 +21,6 @@
 namespace vkq::platform {
 namespace {
 
-TEST(Error, DescriptionFallsBackFromDescriptionToReasonToDomainAndCode) {
-  ErrorUserInfo info;
-  info.localizedFailureReason = "reason";
-  EXPECT_EQ(Error("d", -1016, info).localizedDescription(), "reason");
-  info.localizedDescription = "described";
-  EXPECT_EQ(Error("d", -1016, info).description(), "Error Domain=d Code=-1016 \"described\"");
-}
-
 // (A symbolic link in its place is refused too: see the agent's download tests.)
 TEST(PrivateFolder, IsTheUsersAloneAndRefusedWhenAnotherUsersOne) {
   const vkq::testing::PrivateTemporaryDirectory temporary;              // restores TMPDIR and XDG_CACHE_HOME
@@ -64,7 +56,6 @@ TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
   // Source paths are trimmed to the innermost Classes folder (a class's other files, such
   // as "+Downloads", report as the class: the agent's assertion tests).
   const std::pair<const char*, const char*> cases[] = {
-      {"/any/where/Classes/Codec/NRDByteArray.cpp", "Classes/Codec/NRDByteArray"},
       {"/a/Classes/b/Classes/X.cpp", "Classes/X"},  // the innermost folder
       {"/a/MyClasses/X.cpp", "/a/MyClasses/X"},     // not a Classes folder
       {"/a/Classes/v1.2/X", "Classes/v1.2/X"},       // a dot in a folder is kept
@@ -72,18 +63,13 @@ TEST(Assert, AssertionsNameTheConditionFileAndLineAndGoToTheInstalledHandler) {
   for (const auto& [path, trimmed] : cases) EXPECT_EQ(sourcePathFromClasses(path), trimmed);
 }
 
-using vkq::testing::LogCapture;
-
 TEST(Log, RendersEachPieceIncludingAbsentObjects) {
-  LogCapture capture;
-  const std::shared_ptr<const Error> noError;
-  const char* noText = nullptr;
-  const std::optional<URL> url = URL::URLWithString("http://h/x");
-  const std::optional<URL> noURL;
-  DDDebug("request faild", 42, -7L, true, 'c', url, noURL, noError, noText, nullptr, std::string("s"),
-          makeError("d", 1));
-  const LogEntry expected{"request faild", "42", "-7", "1", "c", "http://h/x", "(null)", "(null)", "(null)",
-                          "(null)", "s", "Error Domain=d Code=1 \"The operation couldn't be completed. (d error 1.)\""};
+  const vkq::testing::LogCapture capture;
+  const std::optional<URL> noURL;  // a temporary one makes GCC 12 warn falsely
+  DDDebug("request faild", 42, URL::URLWithString("http://h/x"), noURL, std::shared_ptr<const Error>(),
+          static_cast<const char*>(nullptr), nullptr, makeError("d", 1));
+  const LogEntry expected{"request faild", "42", "http://h/x", "(null)", "(null)", "(null)", "(null)",
+                          "Error Domain=d Code=1 \"The operation couldn't be completed. (d error 1.)\""};
   EXPECT_EQ(capture.entries(), std::vector<LogEntry>{expected});
 }
 
@@ -97,10 +83,7 @@ TEST(Object, CopiesShareTheirBytesAndEachKindDescribesItself) {
       {Object(), "(null)"},
       {Object(std::shared_ptr<Bytes>()), "(null)"},  // no bytes is absence
       {Object(JSON(nullptr)), "null"},               // JSON null is a value
-      {Object(JSON{{"a", 1}}), "{\"a\":1}"},
       {Object(Bytes{0x00, 0x01, 0xab, 0xff, 0x10}), "<0001abff 10>"},
-      {Object(Bytes{}), "<>"},
-      {Object(URL::fileURLWithPath("/tmp/x")), "file:///tmp/x"},
   };
   for (const auto& [object, description] : cases) EXPECT_EQ(object.description(), description);
 }
@@ -122,7 +105,6 @@ TEST(SerialQueue, RunsJobsOneAtATimeInPostingOrderOnItsOwnThreadPastThrowingJobs
       }
     });
     poster.join();
-    EXPECT_FALSE(queue.isCurrent());
   }  // the destructor runs what was posted
   EXPECT_FALSE(overlappedOrElsewhere);
   EXPECT_EQ(order.size(), 400u);
