@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <atomic>
 #include <stdexcept>
 
 #include "Tests/Platform/Transport/TransportTesting.h"
@@ -52,15 +51,8 @@ TEST_F(MainQueueTest, RunsJobsInPostingOrderInWholeBatchesOnlyInsideDrainAndWake
     EXPECT_EQ(woken, 0);
   }
   EXPECT_EQ(woken, 1);  // once for the whole batch
-  EXPECT_FALSE(MainQueue::isCurrent());
   EXPECT_EQ(MainQueue::drain(), 4u);
   EXPECT_EQ(order, (std::vector{1, 2, 3, 4}));
-
-  // Waits for, and runs, jobs from other threads (not held back by this thread's batches).
-  std::atomic<bool> done{false};
-  std::thread late([&done] { MainQueue::async([&done] { done = true; }); });
-  EXPECT_TRUE(MainQueue::runUntil([&done] { return done.load(); }, 5s));
-  late.join();
 }
 
 TEST_F(MainQueueTest, PollableDescriptorIsReadableExactlyWhileJobsWaitAndRequestsAnswerInsideDrain) {
