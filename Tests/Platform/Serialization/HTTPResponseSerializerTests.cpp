@@ -17,8 +17,6 @@ TEST(ResponseSerializer, StatusesOutside2xxFailWithTheirReasonPhrase) {
   const std::pair<int, const char*> cases[] = {  // status, description (null when accepted)
       {200, nullptr}, {299, nullptr},
       {199, "Request failed: informational (199)"},  // phrases of unlisted statuses follow their class
-      {304, "Request failed: not modified (304)"},
-      {429, "Request failed: too many requests (429)"},
       {500, "Request failed: internal server error (500)"},
   };
   const Object body(bytesFromString("{}"));
@@ -51,7 +49,6 @@ TEST(JSONResponseSerializer, ParsesValidAnswersAndRefusesMalformedWronglyTypedOr
       {200, "application/json", "  ", nullptr, kURLErrorCannotDecodeContentData},  // only one space counts as empty
       {200, "application/json", "[1,2]x", nullptr, kURLErrorCannotDecodeContentData},
       {204, "text/html", nullptr, nullptr, 0},  // nothing to decode: the type of an empty answer does not matter
-      {200, "text/html", "", nullptr, 0},
       // Refused by validation, so not parsed: the status first, then the type.
       {200, "text/html", " ", nullptr, kURLErrorCannotDecodeContentData},
       {500, "text/html", R"({"a":1})", nullptr, kURLErrorBadServerResponse},
@@ -68,12 +65,10 @@ TEST(JSONResponseSerializer, ParsesValidAnswersAndRefusesMalformedWronglyTypedOr
       EXPECT_EQ(error->userInfo().responseData, bytesFromString(text));  // the body travels with the error
     }
   }
-  const HTTPResponse html = answer(200, "text/html; charset=utf-8"), untyped = answer(200, nullptr);
+  const HTTPResponse html = answer(200, "text/html; charset=utf-8");
   ErrorPtr error;
   serializer.responseObjectForResponse(&html, Object(bytesFromString("<p>")), &error);
   EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: text/html");
-  serializer.responseObjectForResponse(&untyped, Object(bytesFromString("<p>")), &error);
-  EXPECT_EQ(error ? error->localizedDescription() : "", "Request failed: unacceptable content-type: (null)");
 }
 
 // Parsing is iterative, but printing, copying and comparing a value recurse per level:
