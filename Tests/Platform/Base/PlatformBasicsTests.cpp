@@ -1,19 +1,12 @@
-// The platform basics: errors, assertions, the debug log, objects, queues and private
-// folders.
+// The platform basics: assertions, the debug log, objects and private folders.
 #include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <stdexcept>
-#include <thread>
 
 #include "Platform/Base/Assert.h"
 #include "Platform/Base/Error.h"
 #include "Platform/Base/Log.h"
 #include "Platform/Base/PrivateFolder.h"
 #include "Platform/Serialization/Object.h"
-#include "Platform/Base/SerialQueue.h"
 #include "Platform/HTTP/URL.h"
 #include "Tests/Support/Files.h"
 #include "Tests/Support/LogCapture.h"
@@ -86,29 +79,6 @@ TEST(Object, CopiesShareTheirBytesAndEachKindDescribesItself) {
       {Object(Bytes{0x00, 0x01, 0xab, 0xff, 0x10}), "<0001abff 10>"},
   };
   for (const auto& [object, description] : cases) EXPECT_EQ(object.description(), description);
-}
-
-TEST(SerialQueue, RunsJobsOneAtATimeInPostingOrderOnItsOwnThreadPastThrowingJobs) {
-  std::vector<int> order;
-  std::atomic<bool> overlappedOrElsewhere{false};
-  {
-    SerialQueue queue("vkq.test");
-    std::atomic<int> running{0};
-    std::thread poster([&] {
-      for (int value = 0; value < 400; ++value) {
-        queue.async([&, value] {
-          if (running++ != 0 || !queue.isCurrent()) overlappedOrElsewhere = true;
-          order.push_back(value);
-          --running;
-          if (value % 50 == 0) throw std::runtime_error("job failed");
-        });
-      }
-    });
-    poster.join();
-  }  // the destructor runs what was posted
-  EXPECT_FALSE(overlappedOrElsewhere);
-  EXPECT_EQ(order.size(), 400u);
-  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
 }  // namespace
