@@ -5,7 +5,7 @@
 // request per connection. Answers are keyed by the target's path (query left out);
 // an unknown path gets an empty 404. Every request is recorded before it is answered.
 // A client silent for 10 s is dropped. The destructor stops the server at once, also
-// inside a stalled or dripping answer.
+// inside a stalled or dripping answer. Not copyable.
 #pragma once
 
 #include <chrono>
@@ -51,8 +51,6 @@ class FaultServer {
  public:
   FaultServer();
   ~FaultServer();
-  FaultServer(const FaultServer&) = delete;
-  FaultServer& operator=(const FaultServer&) = delete;
 
   std::string url(std::string_view path) const;  // "http://127.0.0.1:<port><path>"
   // The answer to every request for `path` from now on.

@@ -1,5 +1,5 @@
-// Captures the debug log's entries while it lives (one capture at a time). Entries may
-// arrive from any thread.
+// Captures the debug log's entries while it lives (one capture at a time; not copyable).
+// Entries may arrive from any thread.
 #pragma once
 
 #include <algorithm>
@@ -20,8 +20,6 @@ class LogCapture {
     });
   }
   ~LogCapture() { vkq::platform::setLogSink(nullptr); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<vkq::platform::LogEntry> entries() const {
     std::lock_guard lock(mutex_);
