@@ -1,6 +1,6 @@
 // What the KXP serializers and the server codec add to the pipeline (VKQKXPFrameTests):
 // the settings read from the request, the URL request, the result codes and log entries,
-// the server's refusals, and the decoder fuzzed with seeded random inputs.
+// the server codec's round trip, and the decoder fuzzed with seeded random inputs.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -141,40 +141,6 @@ TEST(VKQKXPServerCodec, ReadsTheClientsFramesAndTheClientReadsItsAnswers) {
   EXPECT_EQ(VKQKXPServerCodec::parseRequestFrame(*frameOf(nullptr, Object(payload)), {}, nullptr), payload)
       << "an unbound serializer frames with every setting off";
   EXPECT_EQ(frameOf(requestWith({}), Object(vkq::platform::JSON{{"a", 1}})), std::nullopt) << "only bytes are framed";
-}
-
-TEST(VKQKXPServerCodec, RefusesAFrameNamingWhatDiffers) {
-  const Bytes frame = *frameOf(requestWith(kStrict), Object(vkq::platform::bytesFromString("hello, server")));
-  const auto with = [&](auto change) {
-    VKQKXPFrameSettings settings = kStrict;
-    change(settings);
-    return settings;
-  };
-  Bytes osType = frame, longer = frame;
-  osType[3] = 2;
-  longer.push_back(0);
-  const auto first = [&](std::size_t size) {
-    return Bytes(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(size));
-  };
-  const auto expectRefusal = [](const Bytes& bytes, const VKQKXPFrameSettings& settings, const std::string& reason) {
-    ErrorPtr error;
-    EXPECT_EQ(VKQKXPServerCodec::parseRequestFrame(bytes, settings, &error), std::nullopt) << reason;
-    EXPECT_EQ(error ? error->localizedDescription() : "", reason);
-  };
-  expectRefusal(frame, with([](auto& s) { s.insertAtBeginBody = 0x2019; }), "begin marker 0x2018, expected 0x2019");
-  expectRefusal(frame, with([](auto& s) { s.version = 4; }), "protocol version 0x03, expected 0x04");
-  expectRefusal(osType, kStrict, "OS type 0x02, expected 0x01");
-  expectRefusal(frame, with([](auto& s) { s.packageName = "com.other"; }),
-                "package CRC 0x9C76AA98, expected 0x42919086 (package name differs)");
-  expectRefusal(frame, with([](auto& s) { s.releaseVersion = 8; }),
-                "release CRC 0x6ABF4A82, expected 0xFA005713 (release version differs)");
-  expectRefusal(longer, kStrict,
-                "payload length field says " + std::to_string(frame.size() - 20) + " bytes, " +
-                    std::to_string(frame.size() - 19) + " follow");
-  expectRefusal(first(19), kStrict, "frame of 19 bytes is shorter than its 20-byte header");
-  // A truncated frame's version is still read first.
-  expectRefusal(first(4), with([](auto& s) { s.version = 9; }), "protocol version 0x03, expected 0x09");
-  expectRefusal({}, {.nonProtocol = true}, "empty body");
 }
 
 }  // namespace
