@@ -84,6 +84,7 @@ TEST_F(RetryTest, CancelDuringTheBackOffEndsTheTaskAtOnceAndOnce) {
   task->cancel();
   ASSERT_TRUE(outcomes.waitFor(1, 5s));
   EXPECT_EQ(codeOf(outcomes.all().at(0).error), kURLErrorCancelled);
+  EXPECT_FALSE(outcomes.waitFor(2, 100ms));
   EXPECT_EQ(requestsFor("/busy"), 1u);
 }
 
@@ -102,6 +103,8 @@ TEST_F(RetryTest, MetricsArePlausibleForSuccessAndFailure) {
   server.answer("/ok", FaultAnswer::reply(200, "hello"));
   const auto [outcome, metrics] = run(request("/ok"));
   ASSERT_FALSE(outcome.error);
+  EXPECT_GE(metrics.connect, metrics.nameLookup);
+  EXPECT_GE(metrics.requestSent, metrics.connect);
   EXPECT_GE(metrics.firstByte, metrics.requestSent);
   EXPECT_GE(metrics.total, metrics.firstByte);
   EXPECT_GT(metrics.bytesReceived, 5);   // head and body
