@@ -37,7 +37,7 @@ TestServer::TestServer(Options options) {
   if (!server_->is_valid()) throw std::runtime_error("test server: cannot set up (TLS files?)");
 
   server_->new_task_queue = [threads = options.threads] { return new httplib::ThreadPool(threads); };
-  // An idle keep-alive connection holds a handler thread and delays stopping by up to
+  // An idle keep-alive connection holds a handler thread and delays stop() by up to
   // this long, so keep it short.
   server_->set_keep_alive_timeout(1);
   server_->set_keep_alive_max_count(1'000'000);
@@ -53,8 +53,8 @@ TestServer::TestServer(Options options) {
   widenBacklog();
   base_ = std::string(pem ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
   thread_ = std::thread([this] { server_->listen_after_bind(); });
-  // Stopping does nothing until the server runs, so a server destroyed right after
-  // construction would leave the accept loop running for ever.
+  // stop() does nothing until the server runs, so a stop() right after construction
+  // would leave the accept loop running for ever.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!server_->is_running()) {
     if (std::chrono::steady_clock::now() > deadline) {
@@ -65,7 +65,9 @@ TestServer::TestServer(Options options) {
   }
 }
 
-TestServer::~TestServer() {
+TestServer::~TestServer() { stop(); }
+
+void TestServer::stop() {
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;

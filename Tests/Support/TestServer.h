@@ -7,8 +7,8 @@
 // 404. Every request is recorded (method, path, headers, body) before its route runs,
 // so a request that is never answered is recorded too.
 //
-// Thread-safe, not copyable. The server starts in the constructor and stops in the
-// destructor; stopping releases handlers that wait (neverAnswer, slow).
+// Thread-safe. The server starts in the constructor and stops in the destructor (or
+// stop()); stopping releases handlers that wait (neverAnswer, slow).
 #pragma once
 
 #include <chrono>
@@ -108,6 +108,8 @@ class TestServer {
   TestServer();
   explicit TestServer(Options options);
   ~TestServer();
+  TestServer(const TestServer&) = delete;
+  TestServer& operator=(const TestServer&) = delete;
 
   // "http://127.0.0.1:<port>" (or https) + `path`, which starts with "/".
   std::string url(std::string_view path) const;
@@ -123,6 +125,8 @@ class TestServer {
   // Waits until at least `count` requests have arrived; false on time-out.
   bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
 
+  // Stops serving and joins the server's threads. Idempotent.
+  void stop();
 
  private:
   void dispatch(const httplib::Request& request, httplib::Response& response);
