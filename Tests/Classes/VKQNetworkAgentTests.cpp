@@ -115,6 +115,8 @@ std::string assertionOf(const std::function<void()>& call) {
 TEST(VKQNetworkAgentAssertions, ReportTheirFixedTextsFromTheAgentsSourceFile) {
   EXPECT_EQ(assertionOf([] { agent().addRequest(nullptr); }),
             "Classes/VKQNetworkAgent: Invalid parameter not satisfying: request != nil");
+  EXPECT_EQ(assertionOf([] { agent().incompleteDownloadTempPathForDownloadPath(""); }),  // from +Downloads
+            "Classes/VKQNetworkAgent: Invalid parameter not satisfying: string != nil && [string length] > 0");
 
   // A JSON method, or a serializer type, outside the enumeration selects no task and
   // sets no error.
